@@ -1,0 +1,37 @@
+# shellcheck shell=bash
+# What the scripts of this folder share; sourced, never run. Sets -euo pipefail, root (the checkout) and the
+# folder of the Python tools, and moves to the checkout so that scripts work from everywhere.
+set -euo pipefail
+root=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
+cd "$root"
+venv="$root/.venv"
+
+# Sanitized builds and fresh clones compile the same files again and again; with ccache they take seconds.
+# Paths below the checkout are hashed as relative ones, so that a clone elsewhere finds them too.
+if command -v ccache >/dev/null; then
+    export CMAKE_CXX_COMPILER_LAUNCHER=ccache CCACHE_BASEDIR="$root" CCACHE_NOHASHDIR=1
+fi
+
+say() { printf '\n== %s\n' "$*"; }
+die() { printf '%s: %s\n' "${0##*/}" "$*" >&2; exit 1; }
+
+# configure PRESET [CMAKE-ARGUMENT...]: quiet unless it fails.
+configure() {
+    local preset=$1 log="build/$1-configure.log"
+    shift
+    mkdir -p build
+    if ! cmake --preset "$preset" -DPython_EXECUTABLE="$venv/bin/python" "$@" >"$log" 2>&1; then
+        cat "$log" >&2
+        die "cmake --preset $preset failed"
+    fi
+}
+
+# build PRESET [TARGET...]: as many jobs as cores. A terminal shows progress, a log only what went wrong.
+build() {
+    local preset=$1 target=() quiet=()
+    shift
+    [ $# -eq 0 ] || target=(--target "$@")
+    [ -t 1 ] || quiet=(-- --quiet)
+    cmake --build --preset "$preset" --parallel "$(nproc)" "${target[@]}" "${quiet[@]}" ||
+        die "building $preset failed"
+}
