@@ -18,12 +18,12 @@ What holds for every method:
 
 from collections.abc import Callable
 from datetime import datetime
-from typing import Any, Literal, Union, final
+from typing import Any, Literal, final
 
 from typing_extensions import TypeAlias
 
 # `Any` stands for what only the project on the server decides: which type a tag has.
-_Value: TypeAlias = Union[int, float, bool, str]
+_Value: TypeAlias = int | float | bool | str
 
 # (alarm time, event time, tag, has event, type text, group text, level, value, limit, status)
 _AlarmNotify: TypeAlias = Callable[[datetime, datetime, str, int, str, str, int, float, float, int], object]
@@ -147,8 +147,9 @@ class Driver:
         names. Use the names once (in any call, `ConnectTag` too) and the order is the names' order.
 
         Items that are not there: an unknown name, and a tag whose type has no Python form, leave their place in the
-        list unset. Such a place is no `None`: reading it, or looping over it, crashes the interpreter. `len(gc.
-        get_referents(values)) == len(values)` is true when every place is set. Ask a doubtful name by itself first.
+        list unset. Such a place is no `None`: reading it, or looping over it, crashes the interpreter.
+        `len(gc.get_referents(values)) == len(values)` is true when every place is set. Ask a doubtful name by itself
+        first.
 
         Types, as the server's tag has them: 8 to 32-bit integers give `int`, 32 and 64-bit floating point `float`,
         text `str`, flags `bool`. Others (dates, 64-bit integers, currency, ...) have no Python form: asked for by
