@@ -1,0 +1,243 @@
+"""What all tests share: scripted peers, clients, the simulator, and the checks that nothing is left behind.
+
+Environment: RkDBAccess is imported from PYTHONPATH (build/<preset>); RKDBSIM names the simulator's program.
+"""
+
+from __future__ import annotations
+
+import gc
+import itertools
+import os
+import select
+import shutil
+import signal
+import subprocess
+import sys
+import threading
+import time
+import uuid
+from collections.abc import Callable, Iterator, Mapping, Sequence
+from dataclasses import dataclass
+from pathlib import Path
+
+import pytest
+from peer import PATIENCE, Peer, Step
+
+MIRROR_ROOT = Path("/tmp/rkbrowser")
+CHECKOUT = Path(__file__).resolve().parents[2]
+
+
+def mirror_host(host: str) -> Path:
+    """The mirror's directory of a server that was connected to with this host text."""
+    return MIRROR_ROOT / host.replace(":", "_")
+
+
+def mirror(host: str, project: str) -> Path:
+    """The mirror's directory of one project of that server."""
+    return mirror_host(host) / project
+
+
+@pytest.hookimpl(wrapper=True)
+def pytest_runtest_makereport(item: pytest.Item) -> Iterator[None]:
+    report = yield
+    if report.when == "call":  # type: ignore[attr-defined]
+        item.stash[FAILED] = report.failed  # type: ignore[attr-defined]
+    return report
+
+
+FAILED = pytest.StashKey[bool]()
+
+
+def open_descriptors() -> int:
+    return sum(1 for _ in Path("/proc/self/fd").iterdir())
+
+
+def live_threads() -> int:
+    return sum(1 for _ in Path("/proc/self/task").iterdir())
+
+
+def settles(is_so: Callable[[], bool], seconds: float = 5.0) -> bool:
+    """Waits for something that another thread or process is about to bring about."""
+    deadline = time.monotonic() + seconds
+    while not is_so():
+        if time.monotonic() > deadline:
+            return False
+        time.sleep(0.005)
+    return True
+
+
+@pytest.fixture(autouse=True)
+def leaves_nothing_behind(request: pytest.FixtureRequest) -> Iterator[None]:
+    """Fails a test after which there are more open descriptors or threads than before."""
+    gc.collect()
+    descriptors, threads = open_descriptors(), live_threads()
+    yield
+    if request.node.stash.get(FAILED, True):
+        return  # its frames keep its objects alive
+    gc.collect()
+    if not settles(lambda: open_descriptors() <= descriptors and live_threads() <= threads):
+        raise AssertionError(
+            f"before: {descriptors} descriptors, {threads} threads; "
+            f"after: {open_descriptors()} descriptors, {live_threads()} threads, of Python {threading.enumerate()}"
+        )
+
+
+@pytest.fixture
+def project() -> str:
+    """A project name that no other test uses, so that the mirrors of two tests never meet."""
+    return f"t{uuid.uuid4().hex[:10]}"
+
+
+def remove_mirrors(hosts: list[str]) -> None:
+    while hosts:
+        shutil.rmtree(mirror_host(hosts.pop()), ignore_errors=True)
+
+
+@pytest.fixture
+def hosts() -> Iterator[list[str]]:
+    """Host texts whose mirrors are removed at the test's end, while their ports are still taken."""
+    used: list[str] = []
+    yield used
+    remove_mirrors(used)
+
+
+Play = Callable[..., Peer]
+
+
+@pytest.fixture
+def play(request: pytest.FixtureRequest, hosts: list[str]) -> Iterator[Play]:
+    """Starts scripted peers; when the test has passed, each must have been played to its exact end."""
+    peers: list[Peer] = []
+
+    def start(
+        steps: Sequence[Step], listeners: Mapping[str, tuple[str, int]] | None = None, patience: float = PATIENCE
+    ) -> Peer:
+        peer = Peer(steps, listeners, patience)
+        peers.append(peer)
+        hosts.extend(f"{address}:{port}" for address, port in peer.addresses.values())
+        return peer
+
+    complaints: list[str] = []
+    yield start
+    for peer in peers:
+        try:
+            if not request.node.stash.get(FAILED, True):
+                peer.finish()
+            else:
+                peer.raise_complaint()
+        except AssertionError as error:
+            complaints.append(str(error))
+    remove_mirrors(hosts)
+    for peer in peers:
+        peer.kill()
+    assert not complaints, "; ".join(complaints)
+
+
+_relay_numbers = itertools.count(1)
+
+
+@pytest.fixture
+def own_address() -> str:
+    """A loopback address that no other test process uses: the port of relay centres is fixed."""
+    number = (os.getpid() << 6) + next(_relay_numbers)
+    return f"127.{1 + number % 250}.{number // 250 % 250}.{number // 62500 % 250}"
+
+
+@dataclass(frozen=True)
+class Outcome:
+    """What a script run in an interpreter of its own did."""
+
+    status: int
+    output: str
+    errors: str
+
+
+def run_alone(script: str, *arguments: str, timeout: float = 60.0, **environment: str) -> Outcome:
+    """Runs Python text in a process of its own, so that a crash or a hang is a failed test with a stack."""
+    watchdog = f"import faulthandler; faulthandler.dump_traceback_later({timeout}, exit=True)\n"
+    done = subprocess.run(
+        [sys.executable, "-X", "faulthandler", "-c", watchdog + script, *arguments],
+        env={**os.environ, "PYTHONPATH": os.pathsep.join([p for p in sys.path if p]), **environment},
+        capture_output=True,
+        text=True,
+        timeout=timeout + 30,
+        check=False,
+    )
+    return Outcome(done.returncode, done.stdout, done.stderr)
+
+
+def passes_alone(script: str, *arguments: str, timeout: float = 60.0, **environment: str) -> str:
+    """Runs Python text as above; it must end by itself with status 0 and complain about nothing. Gives its output."""
+    outcome = run_alone(script, *arguments, timeout=timeout, **environment)
+    assert (outcome.status, outcome.errors) == (0, ""), f"status {outcome.status}\n{outcome.output}\n{outcome.errors}"
+    return outcome.output
+
+
+# The simulator.
+
+
+@pytest.fixture(scope="session")
+def rkdbsim_path() -> Path:
+    """The simulator's program."""
+    path = Path(os.environ.get("RKDBSIM") or CHECKOUT / "build" / "release" / "rkdbsim")
+    assert path.is_file(), f"{path} is not there: build it, or name it in RKDBSIM"
+    return path
+
+
+class Simulator:
+    """A running simulator on a port of its own choice."""
+
+    GREETING = "listening on 127.0.0.1:"
+
+    def __init__(self, program: Path, arguments: Sequence[str]) -> None:
+        self._process = subprocess.Popen(
+            [str(program), *arguments, "--port", "0"], stdout=subprocess.PIPE, bufsize=0, stdin=subprocess.DEVNULL
+        )
+        assert self._process.stdout is not None
+        line = b""
+        while not line.endswith(b"\n"):
+            ready, _, _ = select.select([self._process.stdout], [], [], PATIENCE)
+            piece = os.read(self._process.stdout.fileno(), 1) if ready else b""
+            if not piece:
+                self._process.kill()
+                self._process.wait()
+                raise AssertionError(f"the simulator did not say where it listens: {line!r}")
+            line += piece
+        text = line.decode().rstrip("\n")
+        if not text.startswith(self.GREETING):
+            self.stop()
+            raise AssertionError(f"the simulator's first line: {text!r}")
+        self.port = int(text.removeprefix(self.GREETING))
+        self.host = f"127.0.0.1:{self.port}"
+
+    @property
+    def pid(self) -> int:
+        return self._process.pid
+
+    def stop(self) -> tuple[int, str]:
+        """Ends it with SIGTERM; gives its exit status and what it printed after the first line."""
+        if self._process.poll() is None:
+            self._process.send_signal(signal.SIGTERM)
+        output, _ = self._process.communicate(timeout=PATIENCE)
+        return self._process.returncode, output.decode(errors="replace")
+
+
+@pytest.fixture
+def simulator(rkdbsim_path: Path, tmp_path: Path, hosts: list[str]) -> Iterator[Callable[..., Simulator]]:
+    """Starts simulators: with a project file, or with the text of one. Each must end cleanly on SIGTERM."""
+    running: list[Simulator] = []
+
+    def start(project_file: Path | str, *arguments: str) -> Simulator:
+        path = project_file
+        if isinstance(path, str):
+            text, path = path, tmp_path / f"project{len(running)}.toml"
+            path.write_text(text, encoding="utf-8")
+        started = Simulator(rkdbsim_path, [str(path), *arguments])
+        running.append(started)
+        hosts.append(started.host)
+        return started
+
+    yield start
+    remove_mirrors(hosts)
+    endings = [one.stop() for one in running]
+    assert [status for status, _ in endings] == [0] * len(endings), endings
