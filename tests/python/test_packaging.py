@@ -118,7 +118,7 @@ REVEALED = {
     "db": "RkDBAccess.DBCore",
     "db.Connect('h', 'u', 'p')": RESULT,
     "driver": "RkDBAccess.Driver",
-    "driver.GetTagValue('A')": "int | float | bool | str | list[Any] | None",
+    "driver.GetTagValue('A')": "int | float | str | list[Any] | None",
     "driver.SetTagValue('A', 1)": RESULT,
     "driver.SetTagValue('A,B', [1, 'x'])": RESULT,
     "driver.ConnectTag('A')": "Literal[0] | Literal[1]",
