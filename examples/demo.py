@@ -1,0 +1,159 @@
+"""The main job in one run, without a server: starts the simulator with its built-in project, connects, reads one tag
+and a list of tags again and again, prints what came as a table, and ends everything it started.
+
+    script/demo                                   builds what is needed and runs this
+    python examples/demo.py --simulator rkdbsim   with an installed module and simulator
+"""
+
+from __future__ import annotations
+
+import argparse
+import re
+import signal
+import subprocess
+import sys
+import time
+from contextlib import ExitStack
+from dataclasses import dataclass, field
+from types import TracebackType
+from typing import Any
+
+from rich.console import Console
+from rich.live import Live
+from rich.table import Table
+
+import RkDBAccess
+
+USER, PASSWORD = "operator", "demo"
+MEANINGS = {
+    -1: "the server refused the user name or the password",
+    -2: "the server was not reached, or the connection broke",
+    -3: "what answered does not speak this protocol",
+}
+
+
+@dataclass
+class Plant:
+    """What the demo reads of one driver, and the rounds of values that came."""
+
+    driver: str
+    tags: list[str]
+    rounds: list[list[Any]] = field(default_factory=list)
+
+
+class DemoError(Exception):
+    """Something that ends the demo with a message instead of a table."""
+
+
+class Simulator:
+    """rkdbsim on a port of its own choice, from entering to leaving the block."""
+
+    def __init__(self, program: str) -> None:
+        self._program = program
+
+    def __enter__(self) -> str:
+        """Starts it; gives the address to connect to."""
+        try:
+            self._process = subprocess.Popen([self._program, "--port", "0"], stdout=subprocess.PIPE, text=True)
+        except OSError as error:
+            raise DemoError(f"the simulator does not start: {error}") from error
+        assert self._process.stdout is not None
+        first_line = self._process.stdout.readline()
+        found = re.fullmatch(r"listening on (\S+:\d+)\n", first_line)
+        if found is None:
+            self.__exit__(None, None, None)
+            raise DemoError(f"the simulator does not say where it listens: {first_line!r}")
+        return found.group(1)
+
+    def __exit__(
+        self, kind: type[BaseException] | None, error: BaseException | None, trace: TracebackType | None
+    ) -> None:
+        self._process.send_signal(signal.SIGTERM)
+        self._process.communicate(timeout=10)
+
+
+def connect(address: str) -> RkDBAccess.DBCore:
+    """A connected DBCore."""
+    db = RkDBAccess.DBCore()
+    result = db.Connect(address, USER, PASSWORD)
+    if result != 0:
+        raise DemoError(f"Connect gave {result}: {MEANINGS.get(result, 'unknown')}")
+    return db
+
+
+def read_list(driver: RkDBAccess.Driver, tags: list[str]) -> list[Any]:
+    """One request for all tags. All names are new at the first call and all known later, so the order is theirs."""
+    values = driver.GetTagValue(",".join(tags))
+    if not isinstance(values, list):
+        raise DemoError("the tags could not be read: the connection is gone")
+    return values
+
+
+def shown(value: object) -> str:
+    """A value as the table shows it: numbers to four decimals, everything else as it is."""
+    return f"{value:.4f}" if isinstance(value, float) else str(value)
+
+
+def table(plants: list[Plant]) -> Table:
+    """All rounds so far, a row for each tag."""
+    rounds = len(plants[0].rounds)
+    made = Table("driver", "tag", "type", title="A list of tags, read in one request each round")
+    for number in range(rounds):
+        made.add_column(f"round {number + 1}", justify="right")
+    for plant in plants:
+        for index, tag in enumerate(plant.tags):
+            values = [values[index] for values in plant.rounds]
+            kind = type(values[-1]).__name__ if values else ""
+            made.add_row(plant.driver, tag, kind, *map(shown, values))
+        made.add_section()
+    return made
+
+
+def show_reading(console: Console, db: RkDBAccess.DBCore, plants: list[Plant], rounds: int, seconds: float) -> None:
+    """Reads one tag by itself, then every tag of the plants for some rounds."""
+    drivers = [db.GetDriver(plant.driver) for plant in plants]
+    first = plants[0]
+    console.print(f"One tag: {first.driver} / {first.tags[0]} = {shown(drivers[0].GetTagValue(first.tags[0]))}\n")
+    with Live(table(plants), console=console, auto_refresh=False) as live:
+        for number in range(rounds):
+            if number:
+                time.sleep(seconds)
+            for plant, driver in zip(plants, drivers):
+                plant.rounds.append(read_list(driver, plant.tags))
+            live.update(table(plants), refresh=True)
+
+
+def demo(console: Console, arguments: argparse.Namespace) -> None:
+    plants = [
+        Plant("Boiler", ["Level", "Pressure", "炉膛温度"]),
+        Plant("泵站", ["流量", "Pump1.Running"]),
+    ]
+    with ExitStack() as stack:
+        address = stack.enter_context(Simulator(arguments.simulator))
+        console.print(f"The simulator listens on {address}.")
+        db = connect(address)
+        console.print(f"Connected as {USER}.")
+        show_reading(console, db, plants, arguments.rounds, arguments.seconds)
+        del db  # ends the connection before the simulator ends
+    console.print("\nConnection and simulator ended.")
+
+
+def main() -> int:
+    parser = argparse.ArgumentParser(description=__doc__, formatter_class=argparse.RawDescriptionHelpFormatter)
+    parser.add_argument("--simulator", default="rkdbsim", metavar="PROGRAM", help="the simulator (default: from PATH)")
+    parser.add_argument("--rounds", type=int, default=5, help="how often the list is read (default: 5)")
+    parser.add_argument("--seconds", type=float, default=0.5, help="pause between two rounds (default: 0.5)")
+    # A log or a pipe has no width of its own; the table needs this much.
+    console = Console(width=None if sys.stdout.isatty() else 110, highlight=False)
+    try:
+        demo(console, parser.parse_args())
+    except DemoError as error:
+        print(f"demo: {error}", file=sys.stderr)
+        return 1
+    except KeyboardInterrupt:
+        return 130
+    return 0
+
+
+if __name__ == "__main__":
+    sys.exit(main())

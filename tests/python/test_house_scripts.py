@@ -1,0 +1,87 @@
+"""The helpers of the scripts that decide whether a run passed: each must be able to say no."""
+
+from __future__ import annotations
+
+import subprocess
+import sys
+from pathlib import Path
+
+import pytest
+
+SCRIPTS = Path(__file__).resolve().parents[2] / "script"
+
+
+def run(script: str, *arguments: Path) -> tuple[int, str]:
+    done = subprocess.run([sys.executable, SCRIPTS / script, *arguments], capture_output=True, text=True, check=False)
+    assert done.stderr == ""
+    return done.returncode, done.stdout
+
+
+def report(path: Path, tests: int, failures: int = 0, errors: int = 0, skipped: int = 0) -> Path:
+    path.write_text(
+        f'<testsuites><testsuite tests="{tests}" failures="{failures}" errors="{errors}" skipped="{skipped}"/>'
+        "</testsuites>"
+    )
+    return path
+
+
+def test_the_summary_adds_up_the_runners(tmp_path: Path) -> None:
+    status, said = run("summary.py", report(tmp_path / "ctest.xml", 40), report(tmp_path / "pytest.xml", 2))
+    assert status == 0
+    assert said.splitlines() == [
+        "ctest: 40 passed, 0 failed, 0 skipped",
+        "pytest: 2 passed, 0 failed, 0 skipped",
+        "total: 42 passed, 0 failed, 0 skipped",
+    ]
+
+
+@pytest.mark.parametrize(
+    "bad", [{"tests": 3, "failures": 1}, {"tests": 3, "errors": 1}, {"tests": 3, "skipped": 1}, {"tests": 0}]
+)
+def test_the_summary_refuses_failed_skipped_and_missing_tests(tmp_path: Path, bad: dict[str, int]) -> None:
+    status, _ = run("summary.py", report(tmp_path / "ctest.xml", 40), report(tmp_path / "pytest.xml", **bad))
+    assert status == 1
+
+
+def test_the_summary_refuses_a_run_without_reports(tmp_path: Path) -> None:
+    assert run("summary.py", tmp_path / "ctest.xml", tmp_path / "pytest.xml")[0] == 1
+
+
+LEAK_OF_CPYTHON = """
+=================================================================
+==1==ERROR: LeakSanitizer: detected memory leaks
+
+Direct leak of 8 byte(s) in 1 object(s) allocated from:
+    #0 0x7f in malloc asan_malloc_linux.cpp:69
+    #1 0x7f in PyObject_Malloc Objects/obmalloc.c:1
+
+"""
+LEAK_OF_OURS = """Indirect leak of 9 byte(s) in 1 object(s) allocated from:
+    #0 0x7f in operator new(unsigned long) asan_new_delete.cpp:95
+    #1 0x7f in CDBCore::CDBCore() /clone/src/RkDBAccess/DBCore.cpp:12
+    #2 0x7f in cfunction_call Objects/methodobject.c:542
+
+SUMMARY: AddressSanitizer: 17 byte(s) leaked in 2 allocation(s).
+"""
+
+
+def test_the_leak_report_passes_over_what_the_interpreter_keeps(tmp_path: Path) -> None:
+    (tmp_path / "report.1").write_text(LEAK_OF_CPYTHON)
+    assert run("leaks.py", tmp_path) == (0, "1 reports read, 0 leaks of our code, 0 other faults\n")
+
+
+def test_the_leak_report_finds_our_leak_among_those_of_the_interpreter(tmp_path: Path) -> None:
+    (tmp_path / "report.1").write_text(LEAK_OF_CPYTHON + LEAK_OF_OURS)
+    (tmp_path / "report.2").write_text(LEAK_OF_CPYTHON)
+    status, said = run("leaks.py", tmp_path)
+    assert status == 1
+    assert "CDBCore::CDBCore()" in said
+    assert "PyObject_Malloc" not in said
+    assert said.endswith("2 reports read, 1 leaks of our code, 0 other faults\n")
+
+
+def test_another_fault_in_a_report_file_is_not_lost(tmp_path: Path) -> None:
+    (tmp_path / "report.1").write_text("==7==ERROR: AddressSanitizer: heap-use-after-free on address 0x1\n")
+    status, said = run("leaks.py", tmp_path)
+    assert status == 1
+    assert "heap-use-after-free" in said
