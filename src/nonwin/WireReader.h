@@ -34,7 +34,8 @@ public:
     /// The bytes up to the next NUL, which is consumed too. No NUL before the end is bad.
     std::string_view Text() noexcept
     {
-        const void* pNul = m_bBad || m_bytes.empty() ? nullptr : std::memchr(m_bytes.data(), 0, m_bytes.size());
+        const void* pNul =
+            m_bBad || m_bytes.empty() ? nullptr : std::memchr(m_bytes.data(), 0, m_bytes.size());
         if (!pNul) {
             m_bBad = true;
             return {};

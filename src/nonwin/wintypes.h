@@ -8,7 +8,8 @@ using WORD = std::uint16_t;
 using USHORT = std::uint16_t;
 using DWORD = std::uint32_t;
 using UINT = std::uint32_t;
-using ULONG = unsigned long; // a type of its own beside UINT, so that both may overload; never on the wire as it is
+using ULONG =
+    unsigned long; // a type of its own beside UINT, so that both may overload; never on the wire as it is
 using LPCSTR = const char*;
 using LPCTSTR = const char*;
 using SOCKET = std::int32_t;

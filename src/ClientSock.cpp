@@ -1,0 +1,292 @@
+// The handshake, step by step, and the request framing; the records' layouts stand in ClientSock.h.
+#include "ClientSock.h"
+
+#include "WireReader.h"
+
+#include <algorithm>
+#include <arpa/inet.h>
+#include <array>
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <ctime>
+#include <poll.h>
+#include <strings.h>
+#include <unistd.h>
+
+namespace {
+
+constexpr WORD DEFAULT_PORT = 80;
+constexpr long DIRECT_TIMEOUT = 8000;
+constexpr long RELAY_TIMEOUT = 13000;
+constexpr long ENDLESS_TIMEOUT = 0x7FFFFFFF;
+constexpr size_t REDIRECT_SIZE = 10;
+constexpr UINT MIN_ACK_SIZE = 1 + sizeof(SNAckRegReq);
+
+/// After an unclean exchange the rest of its reply may still be under way: this long without a byte counts
+/// as its end.
+constexpr int QUIET_MS = 50;
+/// A peer that talks on unasked for longer than this is not one to ask anything.
+constexpr size_t MAX_DRAIN = 1 << 20;
+constexpr auto MAX_DRAIN_TIME = std::chrono::seconds(2);
+
+int ParseDirect(const CString& strHost, SServerAddr& addr)
+{
+    const auto nColon = strHost.rfind(':');
+    addr.nTimeOut = DIRECT_TIMEOUT;
+    addr.nPort = DEFAULT_PORT;
+    addr.strHost = strHost;
+    if (nColon == std::string::npos || nColon == 0)
+        return 0;
+    const auto nPort = static_cast<WORD>(std::strtol(strHost.c_str() + nColon + 1, nullptr, 10));
+    if (nPort != 0)
+        addr.nPort = nPort;
+    addr.strHost = CString(strHost.substr(0, nColon));
+    return 0;
+}
+
+int ParseRelay(const CString& strHost, SServerAddr& addr)
+{
+    const auto nColon = strHost.find(':');
+    if (nColon == std::string::npos)
+        return CONNECT_BAD_ADDRESS;
+    const std::string strPrefix = strHost.substr(0, nColon);
+    addr.strServer = CString(strHost.substr(nColon + 1));
+    if (addr.strServer.size() > SNRegReq::MAX_SERVER_NAME)
+        return CONNECT_REFUSED;
+    const auto nOpen = strPrefix.find('(');
+    addr.strCenter = RKDB_DEFAULT_CENTER;
+    if (nOpen != std::string::npos) {
+        addr.strCenter = CString(strPrefix.substr(nOpen + 1));
+        addr.strCenter.TrimRight(')');
+    }
+    addr.strHost = strHost;
+    addr.nPort = CClientSock::RELAY_PORT;
+    addr.nTimeOut = RELAY_TIMEOUT;
+    return 0;
+}
+
+/// Scrambles a record behind its command byte and sends both at once.
+bool SendScrambled(CSyncSocket& sock, BYTE nCmd, std::span<const BYTE> record)
+{
+    std::array<BYTE, SNRegReq::BUFFER_SIZE> buf{};
+    buf[0] = nCmd;
+    const UINT nLen =
+        EncryptPacket(static_cast<UINT>(record.size()), record.data(), buf.size() - 1, buf.data() + 1);
+    return nLen > 0 && sock._Send(buf.data(), static_cast<int>(1 + nLen), 0) >= 1;
+}
+
+void PutGuid(CWireWriter& writer, const _GUID& guid)
+{
+    writer.Put(guid.Data1);
+    writer.Put(guid.Data2);
+    writer.Put(guid.Data3);
+    writer.PutBytes(guid.Data4, sizeof guid.Data4);
+}
+
+CString LocalHostName()
+{
+    std::array<char, SNRegReq::MAX_HOST_NAME + 1> name{};
+    ::gethostname(name.data(), name.size() - 1);
+    return CString(name.data());
+}
+
+bool IsRedirect(const SServerAddr& addr, std::span<const BYTE> reply)
+{
+    return addr.nPort == CClientSock::RELAY_PORT && reply.size() >= REDIRECT_SIZE &&
+           ::strncasecmp(reinterpret_cast<const char*>(reply.data()) + 1, "lan", 3) == 0;
+}
+
+/// Address (network order) and port (network order) behind the four letters of a redirect, as a host text.
+CString RedirectHost(std::span<const BYTE> reply)
+{
+    std::array<char, 32> text{};
+    const int nPort = reply[8] << 8 | reply[9];
+    std::snprintf(text.data(), text.size(), "%d.%d.%d.%d:%d", reply[4], reply[5], reply[6], reply[7], nPort);
+    return CString(text.data());
+}
+
+/// The text that begins at an offset of a zero-filled buffer; empty when it would begin behind the end.
+CString TextAt(std::span<const BYTE> bytes, size_t nOffset)
+{
+    if (nOffset >= bytes.size())
+        return {};
+    const auto* pText = reinterpret_cast<const char*>(bytes.data()) + nOffset;
+    return CString(std::string(pText, ::strnlen(pText, bytes.size() - nOffset)));
+}
+
+} // namespace
+
+int CClientSock::ParseHost(LPCSTR szHost, SServerAddr& addr)
+{
+    const CString strHost(szHost);
+    return ::strncasecmp(szHost, "p2p", 3) == 0 ? ParseRelay(strHost, addr) : ParseDirect(strHost, addr);
+}
+
+bool CClientSock::_IsLocalDB(LPCSTR)
+{
+    return false; // every server counts as remote, so that the mirror is always built
+}
+
+void CClientSock::GetGatewayMac(ULONG, std::span<BYTE, SNRegReq::MAC_SIZE> mac)
+{
+    std::ranges::fill(mac, BYTE{0});
+}
+
+void CClientSock::StopSock()
+{
+    m_reqSock.m_nCenterIp = 0;
+    m_reqSock.Close();
+    m_rcvSock.m_nCenterIp = 0;
+    m_rcvSock.Close();
+}
+
+int CClientSock::ConnectDB(LPCSTR szHost, CString& strPrjName, CString& strTitle, SNAckRegReq& ackRegReq,
+                           bool bAccessDB)
+{
+    return ConnectAddr(szHost, strPrjName, strTitle, ackRegReq, bAccessDB, 0);
+}
+
+int CClientSock::ConnectAddr(LPCSTR szHost, CString& strPrjName, CString& strTitle, SNAckRegReq& ackRegReq,
+                             bool bAccessDB, int nRedirects)
+{
+    StopSock();
+    std::srand(static_cast<unsigned>(std::time(nullptr)));
+    m_bUnclean = false;
+    m_bLocalDB = true;
+    SServerAddr addr;
+    if (const int nResult = ParseHost(szHost, addr); nResult != 0)
+        return nResult;
+    m_bLocalDB = addr.strCenter.empty() && _IsLocalDB(addr.strHost.c_str());
+    if (!addr.strCenter.empty())
+        m_reqSock.m_nCenterIp = m_rcvSock.m_nCenterIp = ::inet_addr(addr.strCenter.c_str());
+
+    _GUID guid{};
+    CoCreateGuid(guid);
+    Reply reply{};
+    const int nReply = SendOpen(addr, guid, reply);
+    if (nReply < 1 || reply[0] != CMD_OPEN)
+        return nReply >= 1 && reply[0] == CMD_REFUSED ? CONNECT_REFUSED : CONNECT_FAILED;
+    if (IsRedirect(addr, std::span(reply).first(static_cast<size_t>(nReply)))) {
+        m_bLan = true;
+        if (nRedirects >= MAX_REDIRECTS)
+            return CONNECT_FAILED;
+        std::puts("Is same lan ...");
+        std::fflush(stdout);
+        return ConnectAddr(RedirectHost(reply).c_str(), strPrjName, strTitle, ackRegReq, bAccessDB,
+                           nRedirects + 1);
+    }
+
+    ::usleep(0);
+    if (!OpenSocket(m_rcvSock, addr))
+        return CONNECT_FAILED;
+    UINT nPlain = 0;
+    if (const int nResult = SendRegister(guid, bAccessDB, reply, nPlain); nResult != 0)
+        return nResult;
+    m_rcvSock.SetTimeOut(ENDLESS_TIMEOUT);
+    ::usleep(0);
+    const auto plain = std::span<const BYTE>(reply).first(nPlain);
+    std::memcpy(&ackRegReq, plain.data() + 1, sizeof ackRegReq);
+    strPrjName = TextAt(plain, 1 + offsetof(SNAckRegReq, prjName));
+    strTitle = TextAt(plain, 1 + offsetof(SNAckRegReq, prjName) + strPrjName.size() + 1);
+    if (ackRegReq.bFlag == 16)
+        ackRegReq.bFlag = 6;
+    return 0;
+}
+
+bool CClientSock::OpenSocket(CScnSocket& sock, const SServerAddr& addr)
+{
+    sock.SetConnectTimeOut(addr.nTimeOut);
+    if (!sock.Create(0, SOCK_STREAM, nullptr, 0) || !sock._Connect(addr.strHost.c_str(), addr.nPort))
+        return false;
+    sock.SetTimeOut(addr.nTimeOut);
+    return true;
+}
+
+/// Returns what the one receive of the reply gave, or 0 when the request could not be made.
+int CClientSock::SendOpen(const SServerAddr& addr, const _GUID& guid, Reply& reply)
+{
+    if (!OpenSocket(m_reqSock, addr))
+        return 0;
+    std::array<BYTE, SNRegReq::BUFFER_SIZE> record{};
+    CWireWriter writer(record);
+    PutGuid(writer, guid);
+    // The port decides, not the way the address was written: a relay centre listens nowhere else.
+    if (addr.nPort == RELAY_PORT) {
+        std::array<BYTE, SNRegReq::MAC_SIZE> mac{};
+        GetGatewayMac(m_reqSock.m_nCenterIp, mac);
+        writer.PutBytes(mac.data(), mac.size());
+        writer.PutText(addr.strServer);
+    }
+    if (!SendScrambled(m_reqSock, CMD_OPEN, std::span(record).first(writer.Length())))
+        return 0;
+    return m_reqSock._Recv(reply.data(), static_cast<int>(reply.size()), 0);
+}
+
+int CClientSock::SendRegister(const _GUID& guid, bool bAccessDB, Reply& reply, UINT& nPlain)
+{
+    std::array<BYTE, SNRegReq::BUFFER_SIZE> record{};
+    CWireWriter writer(record);
+    PutGuid(writer, guid);
+    writer.PutText(LocalHostName());
+    writer.Put(static_cast<BYTE>(bAccessDB));
+    writer.Put(BYTE{1});
+    if (!SendScrambled(m_rcvSock, CMD_REGISTER, std::span(record).first(writer.Length())))
+        return CONNECT_FAILED;
+    Reply scrambled{};
+    const int nGot = m_rcvSock._Recv(scrambled.data(), static_cast<int>(scrambled.size()), 0);
+    if (nGot < 1)
+        return CONNECT_FAILED;
+    reply = {};
+    nPlain =
+        DecryptPacket(static_cast<UINT>(nGot), scrambled.data(), UINT{SNRegReq::BUFFER_SIZE}, reply.data());
+    if (nPlain < MIN_ACK_SIZE)
+        return nPlain == 1 && reply[0] == CMD_REFUSED ? CONNECT_NOT_AUTHENTICATED : CONNECT_FAILED;
+    return reply[0] == CMD_REGISTER ? 0 : CONNECT_FAILED;
+}
+
+int CClientSock::ReqSend(const void* pBuf, int nLen)
+{
+    for (int nDone = 0; nDone < nLen;) {
+        const int nSent = m_reqSock._Send(pBuf, nLen, 0);
+        if (nSent < 1)
+            return nSent;
+        nDone += nSent;
+    }
+    return nLen;
+}
+
+bool CClientSock::ReqRecvAll(void* pBuf, int nLen)
+{
+    return m_reqSock.RecvAll(pBuf, nLen, 0);
+}
+
+CExchange::CExchange(CClientSock& sock) : m_sock(sock)
+{
+    const auto end = std::chrono::steady_clock::now() + MAX_DRAIN_TIME;
+    std::array<BYTE, 2048> rest;
+    size_t nDrained = 0;
+    const bool bUnclean = m_sock.m_bUnclean;
+    for (;;) {
+        const int nGot = m_sock.m_reqSock._Recv(rest.data(), static_cast<int>(rest.size()), MSG_DONTWAIT);
+        if (nGot > 0) {
+            nDrained += static_cast<size_t>(nGot);
+            if (nDrained <= MAX_DRAIN && std::chrono::steady_clock::now() < end)
+                continue;
+            m_sock.m_reqSock.Close();
+            return;
+        }
+        // What follows stray bytes may be right behind them; a clean connection costs one call and no wait.
+        pollfd entry{m_sock.m_reqSock.GetHandle(), POLLIN, 0};
+        if (nGot == 0 || !(bUnclean || nDrained > 0) || entry.fd == -1 || ::poll(&entry, 1, QUIET_MS) != 1)
+            return;
+    }
+}
+
+CExchange::~CExchange()
+{
+    m_sock.m_bUnclean = !m_bClean;
+    if (m_sock.m_reqSock.HasTimedOut())
+        m_sock.m_reqSock.Close();
+}

@@ -1,0 +1,61 @@
+// Brings one project file of the server up to date over the request connection: a small line-oriented
+// exchange that uses neither the scrambling nor the request framing.
+//
+//   client -> server  code; relay prefix if any; file name; "\r\n";
+//                     "LastTime:%X\r\nSize:%X\r\n" when there is a local copy;
+//                     "gzTime:%X\r\ngzSize:%X\r\n" when there is a local ".gz" copy; "Hello:Yes\r\n\r\n"
+//   server -> client  "name:value\r\n" lines, an empty line, then Size body bytes
+//   client -> server  "%cHello%X" and a NUL for each window, if the server said Hello
+#pragma once
+
+#include "SyncSocket.h"
+#include "cstring.h"
+
+#include <ctime>
+#include <string>
+
+/// The parsed response header.
+struct SCFileInfo
+{
+    bool bUseLast = false; // the client's copy is current; nothing follows
+    bool bExist = true;    // the file exists on the server
+    bool bGZ = false;      // the body is the compressed form, kept under the name with ".gz" added
+    bool bAppend = false;  // the body continues the client's copy
+    bool bHello = false;   // the server awaits an acknowledgement for each window
+    time_t tt = 0;         // the file's time, seconds since 1970-01-01 UTC
+    uint64_t dwSize = 0;   // body bytes
+    std::string strName;   // as the server calls it; not used here
+};
+
+/// Told of progress: after each chunk, and once at the end with true.
+class IGetFileCB
+{
+public:
+    virtual ~IGetFileCB() = default;
+    virtual void OnProgress(int nBytes, bool bFinished) = 0;
+};
+
+/// How an exchange ended.
+enum class EDownload
+{
+    Failed,   // nothing came, or the body stopped coming
+    Complete, // the local copy is as the server wants it, and every byte of the reply has been read
+    Leftover, // nothing more could be done here, but bytes of the reply may still come in
+};
+
+/// The exchange itself; GetFile with a result that also tells whether the connection is clean behind it.
+EDownload DownloadFile(LPCSTR szFileName, CSyncSocket& sock, char nCode, LPCSTR szPath, unsigned long mtime,
+                       unsigned long size, IGetFileCB* pGetFileCB, LPCSTR szAddP2p);
+
+/// Returns 1 when the local copy is as the server wants it or nothing could be done about it here, 0 when the
+/// exchange failed. szFileName and szPath (ends in '/') are GB2312; mtime and size are what the caller
+/// believes of the server's copy. A body that stops coming for the socket's receive time-out has failed.
+int GetFile(LPCSTR szFileName, CSyncSocket& sock, char nCode, LPCSTR szPath, unsigned long mtime,
+            unsigned long size, IGetFileCB* pGetFileCB, LPCSTR szAddP2p);
+
+/// Parses the response header; returns the offset of the first byte behind it.
+int GetFileInfoByBuf(const char* buf, int nLen, SCFileInfo& fi);
+
+/// Reads one header line from nPos on; returns 1 when it has a name. var holds varMax + 1 bytes, prop propMax
+/// + 1.
+int ReadHttpCont(const char* szHttpCont, int& nPos, int nLen, char* var, int varMax, char* prop, int propMax);

@@ -1,0 +1,310 @@
+// Connecting, ending, the driver directory and the small requests. The receive thread is in DBCoreRecv.cpp,
+// the alarms are in DBCoreAlarm.cpp.
+//
+// Login request, 256 bytes at most, and its reply:
+//
+//   offset  size   field               offset  size  field
+//   0       1      '9'                 0       1     '9' accepted, '0' refused
+//   1       u + 1  user name, NUL      1       4     not examined
+//   u + 2   p + 1  password, NUL       5       4     rights word; bit 0x08: may write
+#include "DBCore.h"
+
+#include "DownFile.h"
+#include "ThreadHelp.h"
+
+#include <array>
+#include <bit>
+#include <cctype>
+#include <chrono>
+#include <cstdio>
+#include <set>
+#include <strings.h>
+#include <thread>
+
+namespace {
+
+constexpr size_t LOGIN_SIZE = 256;
+constexpr size_t NAME_REQUEST_SIZE = 256;
+constexpr size_t SHORT_REPLY_SIZE = 16;
+constexpr DWORD EXIT_WAIT_MS = 16000;
+constexpr UINT ASK_ALWAYS = 0xFFFFFFFF; // time and size that no local copy has
+constexpr const char* DRVINFO_FILE = "RecData/drvinfo.dat";
+constexpr const char* DRVINFO_KEY = "recdata/drvinfo.dat";
+constexpr auto ALWAYS_SYNCED = std::to_array({"media/", "recdata/", "syscfg/"});
+
+void PauseBetweenSteps()
+{
+    std::this_thread::sleep_for(std::chrono::milliseconds(6));
+}
+
+constexpr DWORD FromBigEndian(DWORD n)
+{
+    return n << 24 | (n & 0xFF00) << 8 | (n >> 8 & 0xFF00) | n >> 24;
+}
+
+/// Every core of the process. Touched under the interpreter lock only.
+std::set<CDBCore*>& LiveCores()
+{
+    static std::set<CDBCore*> cores;
+    return cores;
+}
+
+} // namespace
+
+CDBCore::CDBCore()
+{
+    LiveCores().insert(this);
+}
+
+CDBCore::~CDBCore()
+{
+    LiveCores().erase(this);
+}
+
+EConnect CDBCore::_Connect(const CString& strHost, LPCSTR szUserName, LPCSTR szPassword)
+{
+    _Disconnect();
+    const EConnect eResult =
+        CPyThread::IsForbidden() ? EConnect::Failed : OpenConnection(strHost, szUserName, szPassword);
+    if (eResult != EConnect::Connected)
+        StopSock();
+    return eResult;
+}
+
+EConnect CDBCore::OpenConnection(const CString& strHost, LPCSTR szUserName, LPCSTR szPassword)
+{
+    CString strPrjName;
+    CString strTitle;
+    SNAckRegReq ack{};
+    if (ConnectDB(strHost.c_str(), strPrjName, strTitle, ack, true) != 0)
+        return EConnect::Failed;
+    PauseBetweenSteps();
+    if (strPrjName.empty() || !IsMirrorName(strPrjName))
+        return EConnect::Protocol;
+    CString strErr;
+    if (!AfterConnect(strHost.c_str(), strPrjName, strErr))
+        return EConnect::Failed;
+    PauseBetweenSteps();
+    DWORD nRights = 0;
+    if (const EConnect eLogin = Login(szUserName, szPassword, nRights); eLogin != EConnect::Connected)
+        return eLogin;
+    if (const EConnect eLoad = LoadDrivers(ack); eLoad != EConnect::Connected)
+        return eLoad;
+    return StartReceiving(nRights);
+}
+
+EConnect CDBCore::Login(LPCSTR szUserName, LPCSTR szPassword, DWORD& nRights)
+{
+    std::array<BYTE, LOGIN_SIZE> request{};
+    CWireWriter writer(request);
+    writer.Put(CMD_LOGIN);
+    writer.PutText(szUserName);
+    writer.PutText(szPassword);
+    if (writer.IsBad())
+        return EConnect::Failed;
+    CExchange exchange(*this);
+    if (ReqSend(request.data(), static_cast<int>(writer.Length())) <= 0)
+        return EConnect::Failed;
+    std::array<BYTE, LOGIN_SIZE> reply{};
+    const int nGot = m_reqSock._Recv(reply.data(), static_cast<int>(reply.size()), 0);
+    if (nGot <= 0)
+        return EConnect::Failed;
+    PauseBetweenSteps();
+    CWireReader reader(reply);
+    const BYTE nStatus = reader.Get<BYTE>();
+    reader.Skip(4);
+    nRights = reader.Get<DWORD>();
+    if (nStatus != CMD_LOGIN)
+        return nStatus == CMD_REFUSED ? EConnect::LoginRefused : EConnect::Protocol;
+    exchange.Succeed();
+    return EConnect::Connected;
+}
+
+EConnect CDBCore::LoadDrivers(const SNAckRegReq& ack)
+{
+    const SNFileInfo info{FromBigEndian(ack.dif_time), FromBigEndian(ack.dif_size)};
+    if (!GetPrjFile(DRVINFO_FILE, {{CString(DRVINFO_KEY), info}}))
+        return EConnect::Failed;
+    std::map<CString, SNDrvInfoEx> mapDrvInfos;
+    LoadPrjDrvInfo(m_strPrjPath, mapDrvInfos);
+    const CThreadGuard guard(m_lock);
+    m_mapDrvInfos = std::move(mapDrvInfos);
+    m_pDrivers.assign(m_mapDrvInfos.size(), nullptr);
+    return EConnect::Connected;
+}
+
+EConnect CDBCore::StartReceiving(DWORD nRights)
+{
+    m_nRights = nRights;
+    m_pRecvLink = std::make_shared<CRecvLink>();
+    m_bConnect = true;
+    if (rkthread_create(RecvThread, this) == 0)
+        return EConnect::Connected;
+    // Without its thread the connection would never learn of a change nor of its own end.
+    m_bConnect = false;
+    m_pRecvLink.reset();
+    ClearDrivers();
+    return EConnect::Failed;
+}
+
+/// Ends both connections from this side, the receive socket first; whoever waits in a call wakes up.
+void CDBCore::CloseSockets()
+{
+    for (CScnSocket* pSock : {&m_rcvSock, static_cast<CScnSocket*>(&m_reqSock)}) {
+        pSock->ShutDown();
+        pSock->m_nCenterIp = 0;
+        pSock->Close();
+    }
+}
+
+bool CDBCore::LetReceiveThreadGo()
+{
+    if (m_pRecvLink && !m_pRecvLink->LetGo(EXIT_WAIT_MS))
+        return false;
+    m_pRecvLink.reset();
+    return true;
+}
+
+bool CDBCore::_Disconnect()
+{
+    if (m_bConnect.exchange(false))
+        CloseSockets();
+    const bool bParted = LetReceiveThreadGo();
+    ClearDrivers();
+    const CThreadGuard guard(m_lock);
+    if (bParted)
+        m_retired.clear();
+    return bParted;
+}
+
+void CDBCore::ClearDrivers()
+{
+    const CThreadGuard guard(m_lock);
+    for (auto& [strName, info] : m_mapDrvInfos) {
+        if (!info.pDriver)
+            continue;
+        info.pDriver->Detach();
+        m_retired.push_back(std::move(info.pDriver));
+    }
+    m_mapDrvInfos.clear();
+    m_pDrivers.assign(m_pDrivers.size(), nullptr);
+}
+
+int CDBCore::GetPrjFile(const char* szFile, const std::map<CString, SNFileInfo>& mapFiles)
+{
+    if (m_bLocalDB)
+        return 1;
+    CString strKey(szFile);
+    for (char& ch : strKey)
+        ch = static_cast<char>(static_cast<BYTE>(ch) < 0x80 ? std::tolower(ch) : ch);
+    SNFileInfo info{ASK_ALWAYS, ASK_ALWAYS};
+    const auto it = mapFiles.find(strKey);
+    const auto begins = [&](const char* szFolder) { return strKey.rfind(szFolder, 0) == 0; };
+    if (it != mapFiles.end()) {
+        info = it->second;
+    } else if (std::ranges::none_of(ALWAYS_SYNCED, begins)) {
+        CString strUtf8;
+        CString(m_strPrjPath + szFile).ToUtf8(strUtf8);
+        static_cast<void>(std::remove(strUtf8.c_str()));
+        return 1;
+    }
+    CExchange exchange(*this);
+    const auto eResult = DownloadFile(szFile, m_reqSock, static_cast<char>(CMD_DOWNLOAD),
+                                      m_strPrjPath.c_str(), info.time, info.size, nullptr, nullptr);
+    if (eResult == EDownload::Complete)
+        exchange.Succeed();
+    return eResult == EDownload::Failed ? 0 : 1;
+}
+
+CDBDriver* CDBCore::_GetDriver(const char* szName)
+{
+    const CThreadGuard guard(m_lock);
+    const auto it = m_mapDrvInfos.find(CString(szName));
+    if (it == m_mapDrvInfos.end())
+        return nullptr;
+    SNDrvInfoEx& info = it->second;
+    if (info.pDriver)
+        return info.pDriver.Get();
+    // Ids come from a file; one beyond the table would name no slot.
+    if (info.id >= m_pDrivers.size())
+        return nullptr;
+    info.pDriver = CDriverRef(new CDBDriver(*this, info.id, it->first));
+    info.pDriver->SetTagCount(info.tagNum);
+    m_pDrivers[info.id] = info.pDriver.Get();
+    return info.pDriver.Get();
+}
+
+int CDBCore::RequestAll(const void* szReq, int nReqLen, int needLen, void* buf)
+{
+    CExchange exchange(*this);
+    if (!m_reqSock.SendAll(szReq, nReqLen, 0))
+        return 0;
+    const int nGot = needLen > 0 ? m_reqSock._Recv(buf, needLen, 0) : 0;
+    if (needLen > 0 && (nGot < 1 || *static_cast<const BYTE*>(buf) != *static_cast<const BYTE*>(szReq)))
+        return 0;
+    if (!m_reqSock.RecvAll(static_cast<BYTE*>(buf) + nGot, needLen - nGot, 0))
+        return 0;
+    exchange.Succeed();
+    return 1;
+}
+
+int CDBCore::GetTagId(WORD drvId, const char* tagName, WORD* pTagId)
+{
+    if (!m_bConnect)
+        return 0;
+    std::array<BYTE, NAME_REQUEST_SIZE> request{};
+    CWireWriter writer(request);
+    writer.Put(CMD_GET_POS);
+    writer.Put(drvId);
+    writer.PutText(tagName);
+    if (writer.IsBad())
+        return 0;
+    CExchange exchange(*this);
+    if (m_reqSock._Send(request.data(), static_cast<int>(writer.Length()), 0) < 1)
+        return 0;
+    std::array<BYTE, SHORT_REPLY_SIZE> reply{};
+    const int nGot = m_reqSock._Recv(reply.data(), static_cast<int>(reply.size()), 0);
+    CWireReader reader(std::span<const BYTE>(reply).first(static_cast<size_t>(std::max(nGot, 0))));
+    const BYTE nEcho = reader.Get<BYTE>();
+    const WORD nPos = reader.Get<WORD>();
+    if (reader.IsBad() || nEcho != CMD_GET_POS)
+        return 0;
+    *pTagId = nPos;
+    exchange.Succeed();
+    return 1;
+}
+
+int CDBCore::UnadviseTag(int64_t id)
+{
+    std::array<BYTE, 9> request{};
+    CWireWriter writer(request);
+    writer.Put(CMD_UNADVISE);
+    writer.Put(static_cast<uint64_t>(id));
+    CExchange exchange(*this);
+    if (m_reqSock._Send(request.data(), static_cast<int>(writer.Length()), 0) == 0)
+        return 0;
+    std::array<BYTE, SHORT_REPLY_SIZE> reply{};
+    const int nGot = m_reqSock._Recv(reply.data(), static_cast<int>(reply.size()), 0);
+    if (nGot < 1 || reply[0] != CMD_UNADVISE)
+        return 0;
+    exchange.Succeed();
+    return 1;
+}
+
+std::shared_ptr<CPyCallback> CDBCore::KeepCallback(PyObject* pFn)
+{
+    // Drivers of connections that ended take their registrations with them.
+    std::erase_if(m_callbacks, [](const auto& p) { return p.use_count() == 1; });
+    return m_callbacks.emplace_back(std::make_shared<CPyCallback>(pFn));
+}
+
+void CDBCore::EndAll()
+{
+    // All are told before any is waited for: their threads end side by side.
+    for (CDBCore* pCore : LiveCores()) {
+        if (pCore->m_bConnect.exchange(false))
+            pCore->CloseSockets();
+    }
+    for (CDBCore* pCore : LiveCores())
+        pCore->_Disconnect();
+}

@@ -1,0 +1,166 @@
+// Real-time alarms: registration, the text lists, and the call of the script.
+//
+// Request: 'n'. Reply: 'n', the number of active alarms (2 bytes), then that many records of RtAlarm.h.
+#include "DBCore.h"
+
+#include "DownFile.h"
+
+#include <array>
+#include <ctime>
+#include <datetime.h>
+
+namespace {
+
+constexpr size_t LINE_SIZE = 256; // of a list file, terminator included
+constexpr size_t HEAD_SIZE = 3;   // of an alarm notification
+constexpr const char* UNKNOWN_TEXT = "???";
+
+/// A naive datetime of local time. Null with an exception set when there is none.
+CPyRef LocalDateTime(DWORD nSeconds)
+{
+    const time_t t = nSeconds;
+    tm local{};
+    if (!::localtime_r(&t, &local))
+        return CPyRef(PyErr_SetFromErrno(PyExc_OSError));
+    return CPyRef(PyDateTimeAPI->DateTime_FromDateAndTime(
+        local.tm_year + 1900, local.tm_mon + 1, local.tm_mday, local.tm_hour, local.tm_min, local.tm_sec, 0,
+        Py_None, PyDateTimeAPI->DateTimeType));
+}
+
+const char* TextAt(const CStringList& list, size_t nIndex)
+{
+    return nIndex < list.size() ? list[nIndex].c_str() : UNKNOWN_TEXT;
+}
+
+/// Appends a finished line without its line end; an empty one is no entry.
+void AppendLine(std::string& strLine, CStringList& strList)
+{
+    if (!strLine.empty() && strLine.back() == '\r')
+        strLine.pop_back();
+    const std::string strText(strLine.c_str()); // up to the first NUL
+    strLine.clear();
+    if (strText.empty())
+        return;
+    CString strUtf8;
+    CString(strText).ToUtf8(strUtf8);
+    strList.push_back(strUtf8);
+}
+
+} // namespace
+
+void InitStringList(const CString& strStrListPath, CStringList& strList)
+{
+    if (!strList.empty())
+        return;
+    XFile file;
+    if (!file.OpenT(strStrListPath.c_str(), 0, false))
+        return;
+    std::array<char, 4096> chunk;
+    std::string strLine;
+    for (int nRead = 0; (nRead = file.Read(chunk.data(), chunk.size())) > 0;) {
+        for (const char ch : std::span(chunk).first(static_cast<size_t>(nRead))) {
+            if (ch == '\n')
+                AppendLine(strLine, strList);
+            else if (strLine.size() < LINE_SIZE - 1)
+                strLine.push_back(ch);
+        }
+    }
+    AppendLine(strLine, strList);
+}
+
+void FireRtAlarm(CPyCallback& rtAlarmNotifyFn, const S2RtAlarm2& alarm, const CStringList& textList,
+                 const CStringList& tagList)
+{
+    if (!PyDateTimeAPI)
+        PyDateTime_IMPORT;
+    if (!PyDateTimeAPI) {
+        rtAlarmNotifyFn.ReportError();
+        return;
+    }
+    const CPyRef alarmTime = LocalDateTime(alarm.almtm);
+    const CPyRef eventTime = alarmTime ? LocalDateTime(alarm.evttm ? alarm.evttm : alarm.almtm) : nullptr;
+    if (!eventTime) {
+        rtAlarmNotifyFn.ReportError();
+        return;
+    }
+    rtAlarmNotifyFn.Call(
+        CPyRef(Py_BuildValue("(OOsissiddi)", alarmTime.get(), eventTime.get(), TextAt(tagList, alarm.tid),
+                             alarm.evttm ? 1 : 0, TextAt(textList, alarm.type), TextAt(textList, alarm.grp),
+                             alarm.level, alarm.value, alarm.limit, alarm.status)));
+}
+
+int CDBCore::OnAlarm(std::span<const BYTE> bytes, CPyThread* pPython)
+{
+    std::shared_ptr<const SAlarmReceiver> pReceiver;
+    {
+        const CThreadGuard guard(m_lock);
+        pReceiver = m_rtAlarmNotifyFn;
+    }
+    const int nLen = static_cast<int>(bytes.size());
+    if (!pReceiver || !pPython)
+        return nLen;
+    CWireReader reader(bytes.subspan(HEAD_SIZE));
+    const S2RtAlarm2 alarm = ReadRtAlarm(reader);
+    const bool bStay = pPython->Call(
+        [&] { FireRtAlarm(*pReceiver->pFn, alarm, *pReceiver->textList, *pReceiver->tagList); });
+    return bStay ? nLen : NOTIFY_LEAVE;
+}
+
+bool CDBCore::ReadActiveAlarms(std::vector<S2RtAlarm2>& alarms)
+{
+    CExchange exchange(*this);
+    const BYTE nCmd = CMD_RT_ALARM;
+    std::array<BYTE, HEAD_SIZE> head{};
+    if (ReqSend(&nCmd, 1) < 1 || !m_reqSock.RecvAll(head.data(), 1, 0) || head[0] != CMD_RT_ALARM ||
+        !m_reqSock.RecvAll(head.data() + 1, 2, 0))
+        return false;
+    for (int nLeft = head[1] | head[2] << 8; nLeft > 0; --nLeft) {
+        std::array<BYTE, S2RtAlarm2::WIRE_SIZE> record{};
+        if (!m_reqSock.RecvAll(record.data(), static_cast<int>(record.size()), 0))
+            return false;
+        CWireReader reader(record);
+        alarms.push_back(ReadRtAlarm(reader));
+    }
+    exchange.Succeed();
+    return true;
+}
+
+StringListPtr CDBCore::LoadStringList(const char* szFile)
+{
+    {
+        CExchange exchange(*this);
+        const auto eResult = DownloadFile(szFile, m_reqSock, static_cast<char>(CMD_DOWNLOAD),
+                                          m_strPrjPath.c_str(), 0, 0, nullptr, nullptr);
+        if (eResult == EDownload::Complete)
+            exchange.Succeed();
+    }
+    auto pList = std::make_shared<CStringList>();
+    InitStringList(CString(m_strPrjPath + szFile), *pList);
+    return pList;
+}
+
+int CDBCore::_SetRtAlarmNotify(PyObject* rtAlarmNotifyFn, bool notifyExisting)
+{
+    {
+        const CThreadGuard guard(m_lock);
+        if (m_rtAlarmNotifyFn)
+            return -1;
+    }
+    std::vector<S2RtAlarm2> alarms;
+    if (!ReadActiveAlarms(alarms))
+        return -2;
+    if (!m_textList || m_textList->empty())
+        m_textList = LoadStringList("RecData/textlist");
+    if (!m_tagList || m_tagList->empty())
+        m_tagList = LoadStringList("RecData/taglist");
+    const auto pReceiver = std::make_shared<SAlarmReceiver>(
+        SAlarmReceiver{KeepCallback(rtAlarmNotifyFn), m_textList, m_tagList});
+    if (notifyExisting) {
+        for (auto it = alarms.rbegin(); it != alarms.rend(); ++it)
+            FireRtAlarm(*pReceiver->pFn, *it, *pReceiver->textList, *pReceiver->tagList);
+    }
+    const CThreadGuard guard(m_lock);
+    if (!m_rtAlarmNotifyFn)
+        m_rtAlarmNotifyFn = pReceiver;
+    return 0;
+}

@@ -1,0 +1,130 @@
+// The tag table and the names; values are in DBDriverValues.cpp, notifications in DBDriverNotify.cpp.
+//
+// Look-up request, at most 768 bytes, and its reply:
+//
+//   offset  size   field                 offset  size  field
+//   0       1      'L'                   0       1     'L'
+//   1       2      driver id             1 + 4i  2     position of the i-th name
+//   3       k + 1  name (GB2312), NUL    3 + 4i  2     not used
+//   ...            and so on
+#include "DBDriver.h"
+
+#include "DBCore.h"
+
+#include <array>
+
+namespace {
+
+constexpr size_t LOOKUP_SIZE = 768;
+constexpr size_t LOOKUP_PER_NAME = 3; // driver id and NUL beside the name
+constexpr size_t LOOKUP_MAX_NAME = LOOKUP_SIZE - 1 - LOOKUP_PER_NAME;
+constexpr size_t REPLY_PER_NAME = 4;
+
+} // namespace
+
+CDBDriver::CDBDriver(CDBCore& core, WORD drvId, const CString& strDriver)
+    : m_drvId(drvId), m_strDriver(strDriver), m_pDBCore(&core)
+{
+    m_strDriver.ToUtf8(m_strDriverUtf8);
+}
+
+void CDBDriver::Release() noexcept
+{
+    if (--m_nRefs == 0)
+        delete this;
+}
+
+void CDBDriver::SetTagCount(ULONG dwCount)
+{
+    const CThreadGuard guard(m_lock);
+    m_tags.resize(dwCount);
+    for (size_t i = 0; i < m_tags.size(); ++i)
+        m_tags[i].id = static_cast<WORD>(i);
+}
+
+void CDBDriver::Resolve(const CString& strTag, WORD nPos)
+{
+    m_mapTagToId[strTag] = nPos;
+    STag* pTag = SlotAt(nPos);
+    if (!pTag || pTag->strTag == strTag)
+        return;
+    CString strUtf8;
+    strTag.ToUtf8(strUtf8);
+    const CThreadGuard guard(m_lock);
+    pTag->strTag = strTag;
+    pTag->strTagUtf8 = strUtf8;
+}
+
+WORD CDBDriver::GetTagId(const char* tagName)
+{
+    if (!tagName || !*tagName || m_tags.empty())
+        return NO_TAG;
+    const CString strTag(tagName);
+    if (const auto it = m_mapTagToId.find(strTag); it != m_mapTagToId.end())
+        return it->second;
+    WORD nPos = NO_TAG;
+    if (CDBCore* pCore = m_pDBCore)
+        pCore->GetTagId(m_drvId, tagName, &nPos);
+    Resolve(strTag, nPos);
+    return nPos;
+}
+
+bool CDBDriver::FlushNames(CDBCore* pCore, std::list<CString>& pending, std::vector<char>& request,
+                           TagSlots& reqTags)
+{
+    const bool bDone = pCore && ReqBatchGetPoss(pending, request.data(), request.size(), reqTags);
+    pending.clear();
+    request.assign(1, static_cast<char>(CMD_GET_POS));
+    return bDone;
+}
+
+bool CDBDriver::CheckTagId(const char* tags, TagSlots& reqTags)
+{
+    const CString strTags(tags);
+    CDBCore* pCore = m_pDBCore;
+    std::list<CString> pending;
+    std::vector<char> request(1, static_cast<char>(CMD_GET_POS));
+    int iStart = 0;
+    for (CString strTag = strTags.Tokenize(",", iStart); !strTag.empty();
+         strTag = strTags.Tokenize(",", iStart)) {
+        strTag.Trim(' ');
+        const auto it = m_mapTagToId.find(strTag);
+        if (strTag.empty() || (it == m_mapTagToId.end() && strTag.size() > LOOKUP_MAX_NAME)) {
+            reqTags.push_back(nullptr);
+            continue;
+        }
+        if (it != m_mapTagToId.end()) {
+            reqTags.push_back(SlotAt(it->second));
+            continue;
+        }
+        if (request.size() + strTag.size() + LOOKUP_PER_NAME > LOOKUP_SIZE &&
+            !FlushNames(pCore, pending, request, reqTags))
+            return false;
+        request.push_back(static_cast<char>(m_drvId & 0xFF));
+        request.push_back(static_cast<char>(m_drvId >> 8));
+        request.insert(request.end(), strTag.c_str(), strTag.c_str() + strTag.size() + 1);
+        pending.push_back(std::move(strTag));
+    }
+    return pending.empty() || FlushNames(pCore, pending, request, reqTags);
+}
+
+bool CDBDriver::ReqBatchGetPoss(const std::list<CString>& curTags, const char* szSend, ULONG nLen,
+                                TagSlots& reqTags)
+{
+    CDBCore* pCore = m_pDBCore;
+    std::array<BYTE, LOOKUP_SIZE> reply{};
+    const size_t nReply = 1 + REPLY_PER_NAME * curTags.size();
+    if (!pCore || nReply > reply.size() ||
+        !pCore->RequestAll(szSend, static_cast<int>(nLen), static_cast<int>(nReply), reply.data()))
+        return false;
+    CWireReader reader(std::span<const BYTE>(reply).first(nReply));
+    if (reader.Get<BYTE>() != CMD_GET_POS)
+        return false;
+    for (const CString& strTag : curTags) {
+        const WORD nPos = reader.Get<WORD>();
+        reader.Skip(REPLY_PER_NAME - sizeof nPos);
+        Resolve(strTag, nPos);
+        reqTags.push_back(SlotAt(nPos));
+    }
+    return true;
+}

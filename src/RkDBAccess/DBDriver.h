@@ -1,0 +1,182 @@
+// One driver of the connected project: its tag table, the names that scripts use for its tags, and the
+// values.
+//
+// Lifetime: counted references (CDriverRef). The core's directory holds one and detaches the driver when the
+// connection ends; every Driver object of a script holds one. A detached driver answers from what it has
+// stored and sends nothing.
+//
+// Threads: scripts call under the interpreter lock, one at a time. The receive thread only calls OnDBNotify.
+// m_lock guards what both touch and is held for a copy alone. The number of tags is fixed before the receive
+// thread can see the driver.
+#pragma once
+
+#include "PyGlue.h"
+
+#include "XVariant.h"
+#include "cstring.h"
+
+#include <atomic>
+#include <list>
+#include <map>
+#include <memory>
+#include <span>
+#include <utility>
+#include <vector>
+
+class CDBCore;
+
+constexpr WORD NO_TAG = 0xFFFF;         // the position of a tag that does not exist
+constexpr int NOTIFY_NO_VALUE = 0xFFFF; // OnDBNotify: the payload cannot be decoded
+
+/// Results of SetTagValue.
+enum class EWrite : int
+{
+    Sent = 0,
+    NoRight = -1, // the user may not write
+    Failed = -2,  // look-up or send failed
+    Refused = -3, // unknown tag, or a value that cannot be sent
+};
+
+class CDBDriver
+{
+public:
+    /// The script's value of a tag slot, and what belongs to it.
+    struct STag
+    {
+        XVariant value;          // last value seen; VT_EMPTY until the tag was read once
+        CString strTag;          // GB2312; empty until a look-up led here
+        CString strTagUtf8;      // the same for callbacks, converted once
+        WORD id = 0;             // position: the index in m_tags
+        bool bSubscribe = false; // the server pushes its changes
+        bool bPushed = false;    // a change came in since the running subscription request was sent
+    };
+    using TagSlots = std::vector<STag*>; // null entries stand for names without a tag
+
+    CDBDriver(CDBCore& core, WORD drvId, const CString& strDriver);
+    CDBDriver(const CDBDriver&) = delete;
+    CDBDriver& operator=(const CDBDriver&) = delete;
+
+    void AddRef() noexcept { ++m_nRefs; }
+    void Release() noexcept;
+    /// The connection has ended: nothing is sent from now on. Any thread.
+    void Detach() noexcept { m_pDBCore = nullptr; }
+
+    // Names and positions.
+
+    void SetTagCount(ULONG dwCount);
+    ULONG GetTagCount() const noexcept { return m_tags.size(); }
+    /// The position of one GB2312 name, or NO_TAG. The answer is remembered, also a failed one.
+    WORD GetTagId(const char* tagName);
+    /// Appends a slot or null for each of the comma-separated GB2312 names. Cached names and blanks come as
+    /// they are met, new ones when their request is flushed. False when a look-up failed.
+    bool CheckTagId(const char* tags, TagSlots& reqTags);
+    bool ReqBatchGetPoss(const std::list<CString>& curTags, const char* szSend, ULONG nLen,
+                         TagSlots& reqTags);
+
+    // Values. All need the interpreter lock.
+
+    /// Subscribes the tags that are not yet, at most 519 a call. True when nothing was left to do.
+    bool _ConnectTag(const char* tags);
+    /// Fetches the tags that are not subscribed, at most 1023 a call.
+    bool _GetTagValue(const char* tags, TagSlots& reqTags);
+    /// A new reference: the value of one tag, a list for several, None on failure. Null without an exception
+    /// for a type that Python has no form for, with one for a text that is not UTF-8.
+    PyObject* GetTagValue(const char* tags);
+    EWrite SetTagValue(const char* tags, PyObject* tagValues);
+    /// The first registration wins. False for a later one and without a connection.
+    bool SetTagNotify(PyObject* pFn);
+    static PyObject* ValueToObj(const XVariant* pValue);
+
+    /// Stores the change of one tag and tells the script. data holds what has come in behind the tag
+    /// position. Returns the bytes consumed, NOTIFY_NO_VALUE, or NOTIFY_CUT / NOTIFY_LEAVE of NotifyWalk.h.
+    /// Receive thread; pPython is null where no interpreter runs.
+    int OnDBNotify(ULONG tagId, std::span<const BYTE> data, CPyThread* pPython);
+    /// True while a subscription awaits the first value of a slot without one, so that a change of it, which
+    /// carries no type, cannot be decoded yet.
+    bool AwaitsFirstValue(ULONG tagId);
+
+    const WORD m_drvId;
+    const CString m_strDriver;
+
+private:
+    ~CDBDriver() = default;
+
+    STag* SlotAt(WORD nPos) noexcept { return nPos < m_tags.size() ? &m_tags[nPos] : nullptr; }
+    void Resolve(const CString& strTag, WORD nPos);
+    bool FlushNames(CDBCore* pCore, std::list<CString>& pending, std::vector<char>& request,
+                    TagSlots& reqTags);
+    XVariant CopyValue(const STag& tag);
+    /// How the blocks of a read ended: Surplus has every value, but more blocks were announced.
+    enum class EBlocks
+    {
+        Failed,
+        Complete,
+        Surplus,
+    };
+    EBlocks ReadBlocks(CDBCore& core, const TagSlots& wanted);
+    bool ReadAdvised(CDBCore& core, const TagSlots& wanted);
+    void StoreRead(STag& tag, XVariant&& value);
+    void StoreAdvised(STag& tag, XVariant&& value);
+    bool AppendItem(const STag& tag, PyObject* pValue, std::vector<std::vector<BYTE>>& items);
+    EWrite SendItems(CDBCore& core, const std::vector<std::vector<BYTE>>& items);
+    void CallNotify(const CString& strTagUtf8, const XVariant& value, CPyCallback& fn);
+
+    /// Says for one scope that a subscription request is under way.
+    class CAdvising
+    {
+    public:
+        explicit CAdvising(std::atomic<bool>& bFlag) noexcept : m_bFlag(bFlag) { m_bFlag = true; }
+        ~CAdvising() { m_bFlag = false; }
+        CAdvising(const CAdvising&) = delete;
+        CAdvising& operator=(const CAdvising&) = delete;
+
+    private:
+        std::atomic<bool>& m_bFlag;
+    };
+
+    std::atomic<int> m_nRefs{0};
+    std::atomic<CDBCore*> m_pDBCore;
+    std::atomic<bool> m_bAdvising{false};
+    std::map<CString, WORD> m_mapTagToId; // NO_TAG and positions beyond the table: asked, and no such tag
+    CString m_strDriverUtf8;
+
+    CThreadLock m_lock;
+    std::vector<STag> m_tags; // value, bPushed and the names are guarded by m_lock
+    std::shared_ptr<CPyCallback> m_tagNotifyFn RK_GUARDED_BY(m_lock);
+};
+
+/// One counted reference to a driver.
+class CDriverRef
+{
+public:
+    CDriverRef(std::nullptr_t = nullptr) noexcept {
+    } // NOLINT(google-explicit-constructor): null is a value of it
+    explicit CDriverRef(CDBDriver* p) noexcept : m_p(p)
+    {
+        if (m_p)
+            m_p->AddRef();
+    }
+    CDriverRef(const CDriverRef& other) noexcept : CDriverRef(other.m_p) {}
+    CDriverRef(CDriverRef&& other) noexcept : m_p(std::exchange(other.m_p, nullptr)) {}
+    CDriverRef& operator=(CDriverRef other) noexcept
+    {
+        std::swap(m_p, other.m_p);
+        return *this;
+    }
+    ~CDriverRef()
+    {
+        if (m_p)
+            m_p->Release();
+    }
+
+    CDBDriver* Get() const noexcept { return m_p; }
+    CDBDriver* operator->() const noexcept { return m_p; }
+    explicit operator bool() const noexcept { return m_p != nullptr; }
+
+private:
+    CDBDriver* m_p = nullptr;
+};
+
+/// Appends a Python value as it goes to the server: type word and payload. False, with nothing appended and
+/// no exception pending, for an object that cannot be sent.
+bool ObjToBuf(PyObject* objValue, std::vector<BYTE>& buf);

@@ -1,0 +1,58 @@
+// Changes that the server pushes: storing them and telling the script. Runs on the receive thread.
+#include "DBDriver.h"
+#include "NotifyWalk.h"
+
+int CDBDriver::OnDBNotify(ULONG tagId, std::span<const BYTE> data, CPyThread* pPython)
+{
+    if (tagId >= m_tags.size())
+        return NOTIFY_NO_VALUE;
+    STag& tag = m_tags[tagId];
+    XVariant value;
+    CString strTagUtf8;
+    std::shared_ptr<CPyCallback> pFn;
+    int nUsed = 0;
+    {
+        const CThreadGuard guard(m_lock);
+        // The payload carries no type word: a tag that was never read has no length either.
+        if (tag.value.vt == VT_EMPTY || tag.value.vt == VT_NULL)
+            return NOTIFY_NO_VALUE;
+        value.vt = tag.value.vt;
+        const auto nDecoded = value.FromBytes(data, false);
+        if (!nDecoded)
+            return NOTIFY_CUT;
+        nUsed = static_cast<int>(*nDecoded);
+        pFn = nUsed > 0 ? m_tagNotifyFn : nullptr;
+        if (pFn) {
+            tag.value = value;
+            strTagUtf8 = tag.strTagUtf8;
+        } else {
+            tag.value = std::move(value);
+        }
+        tag.bPushed = true;
+    }
+    if (nUsed == 0)
+        return NOTIFY_NO_VALUE;
+    if (!pFn || !pPython)
+        return nUsed;
+    const bool bStay = pPython->Call([&] { CallNotify(strTagUtf8, value, *pFn); });
+    return bStay ? nUsed : NOTIFY_LEAVE;
+}
+
+void CDBDriver::CallNotify(const CString& strTagUtf8, const XVariant& value, CPyCallback& fn)
+{
+    const CPyRef pValue(ValueToObj(&value));
+    if (!pValue) {
+        fn.ReportError(); // a type without a Python form has none: that change is passed over
+        return;
+    }
+    fn.Call(CPyRef(Py_BuildValue("(ssO)", m_strDriverUtf8.c_str(), strTagUtf8.c_str(), pValue.get())));
+}
+
+bool CDBDriver::AwaitsFirstValue(ULONG tagId)
+{
+    if (!m_bAdvising || tagId >= m_tags.size())
+        return false;
+    const CThreadGuard guard(m_lock);
+    const auto vt = m_tags[tagId].value.vt;
+    return vt == VT_EMPTY || vt == VT_NULL;
+}

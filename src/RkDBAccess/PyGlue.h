@@ -1,0 +1,84 @@
+// Guards around the interpreter's C interface: references, the held callables, and the interpreter lock as a
+// receive thread takes it.
+//
+// Rule of the house: the interpreter lock is never awaited while one of our own locks is held.
+#pragma once
+
+#define PY_SSIZE_T_CLEAN
+#include <Python.h>
+
+#include "RecvLink.h"
+
+#include <memory>
+
+struct SPyDrop
+{
+    void operator()(PyObject* p) const noexcept { Py_DECREF(p); }
+};
+/// Owns one reference; made and destroyed under the interpreter lock.
+using CPyRef = std::unique_ptr<PyObject, SPyDrop>;
+
+inline CPyRef NewPyRef(PyObject* p) noexcept
+{
+    Py_XINCREF(p);
+    return CPyRef(p);
+}
+
+/// A script's callable, kept for as long as its registration lasts. A bound method is kept as its function
+/// and a weak reference to its instance: a client object is not kept alive by its own subscription.
+/// Made, called and destroyed under the interpreter lock.
+class CPyCallback
+{
+public:
+    explicit CPyCallback(PyObject* pFn);
+
+    /// Calls with the tuple; null arguments stand for an error that building them raised. Errors end in
+    /// sys.unraisablehook with the callable as their object; no exception is left pending.
+    void Call(const CPyRef& args) noexcept;
+    /// Reports the pending exception, if there is one, as one of this callable.
+    void ReportError() noexcept;
+
+private:
+    CPyRef Target() noexcept;
+
+    CPyRef m_pFn;   // the callable, or a method's function
+    CPyRef m_pSelf; // weak reference to a method's instance; null: none
+    bool m_bWarned = false;
+};
+
+/// The interpreter lock for a receive thread: one thread state for the thread's life, the lock taken at the
+/// first call that a receive needs and kept to that receive's end.
+class CPyThread
+{
+public:
+    explicit CPyThread(CRecvLink& link) noexcept : m_link(link) {}
+    /// Gives the thread state back; the thread must have let go of its core.
+    ~CPyThread();
+    CPyThread(const CPyThread&) = delete;
+    CPyThread& operator=(const CPyThread&) = delete;
+
+    /// Runs fn under the interpreter lock. Meanwhile the core may go away: false says that it did, and the
+    /// thread must leave without touching it. fn is skipped when it went before the lock was had.
+    template <class F> bool Call(F&& fn)
+    {
+        if (!m_link.EnterPython() || !Take())
+            return false;
+        if (!m_link.IsLetGo())
+            fn();
+        return m_link.LeavePython();
+    }
+    /// The end of a receive: gives the interpreter lock back if it was taken.
+    void EndTurn() noexcept;
+
+    /// No thread may await the interpreter lock from now on: the interpreter is ending.
+    static void ForbidAll() noexcept;
+    static bool IsForbidden() noexcept;
+
+private:
+    bool Take();
+
+    CRecvLink& m_link;
+    PyThreadState* m_pState = nullptr; // made at the first call
+    PyGILState_STATE m_eGil{};
+    bool m_bHeld = false;
+};

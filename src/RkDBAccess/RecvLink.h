@@ -1,0 +1,41 @@
+// What a core and its receive thread share, so that either may end first. Outlives both.
+//
+// The thread owns the right to touch the core, except while it is "in Python": from before it awaits the
+// interpreter lock until a call is over. Whoever ends the connection waits for the thread only while the
+// thread has that right; a thread in Python finds out afterwards and leaves.
+#pragma once
+
+#include "ThreadHelp.h"
+#include "ThreadLock.h"
+
+class CRecvLink
+{
+public:
+    CRecvLink() { m_exitThreadEvent.Create(); }
+    ~CRecvLink() = default;
+    CRecvLink(const CRecvLink&) = delete;
+    CRecvLink& operator=(const CRecvLink&) = delete;
+
+    // The thread's side.
+
+    /// Gives up the right to touch the core. False: it is lost for good already.
+    bool EnterPython();
+    /// Takes the right back. False: the core has let go; leave without touching it.
+    bool LeavePython();
+    /// The thread is over with the core.
+    void Done();
+    bool IsLetGo() const;
+
+    // The core's side.
+
+    /// From the return on the thread touches the core no more. False when the thread has neither left nor
+    /// entered Python within nMs: the core must then stay in memory.
+    bool LetGo(DWORD nMs);
+
+private:
+    mutable CThreadLock m_lock;
+    XTEvent m_exitThreadEvent; // signalled when a core that waits need wait no longer
+    bool m_bInPython RK_GUARDED_BY(m_lock) = false;
+    bool m_bLetGo RK_GUARDED_BY(m_lock) = false;
+    bool m_bDone RK_GUARDED_BY(m_lock) = false;
+};

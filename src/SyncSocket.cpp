@@ -1,0 +1,412 @@
+// The socket calls behind SyncSocket.h. All options are set where a socket opens, so that no path misses one.
+#include "SyncSocket.h"
+
+#include <algorithm>
+#include <arpa/inet.h>
+#include <cerrno>
+#include <fcntl.h>
+#include <netdb.h>
+#include <netinet/tcp.h>
+#include <poll.h>
+#include <unistd.h>
+
+namespace {
+
+/// The moment by which a call has to end. Made once a call, so that signals do not stretch it.
+class CDeadline
+{
+public:
+    explicit CDeadline(long nMs) : m_bNever(nMs <= 0), m_end(Clock::now() + std::chrono::milliseconds(nMs)) {}
+
+    /// Waits until the descriptor is ready: 1 ready, 0 expired, -1 failed.
+    int Wait(SOCKET hSocket, short nEvents) const
+    {
+        for (;;) {
+            pollfd entry{hSocket, nEvents, 0};
+            const int nReady = ::poll(&entry, 1, LeftMs());
+            if (nReady >= 0 || errno != EINTR)
+                return nReady;
+        }
+    }
+
+private:
+    using Clock = std::chrono::steady_clock;
+
+    int LeftMs() const
+    {
+        if (m_bNever)
+            return -1;
+        const auto left = std::chrono::ceil<std::chrono::milliseconds>(m_end - Clock::now()).count();
+        return static_cast<int>(std::clamp<long long>(left, 0, 0x7FFFFFFF));
+    }
+
+    bool m_bNever;
+    Clock::time_point m_end;
+};
+
+timeval ToTimeval(long nMs) noexcept
+{
+    return {nMs / 1000, (nMs % 1000) * 1000};
+}
+
+bool WouldBlock() noexcept
+{
+    return errno == EAGAIN || errno == EWOULDBLOCK;
+}
+
+bool SetOption(SOCKET hSocket, int nLevel, int nName, int nValue) noexcept
+{
+    return ::setsockopt(hSocket, nLevel, nName, &nValue, sizeof nValue) == 0;
+}
+
+/// Requests are short and each awaits its reply: gathering them in the kernel would only delay them. Only
+/// stream sockets know the option; for others the refusal means nothing.
+void SendAtOnce(SOCKET hSocket) noexcept
+{
+    static_cast<void>(SetOption(hSocket, IPPROTO_TCP, TCP_NODELAY, 1));
+}
+
+/// Puts a descriptor into non-blocking mode for one scope.
+class CNonBlocking
+{
+public:
+    explicit CNonBlocking(SOCKET hSocket) noexcept : m_hSocket(hSocket), m_nFlags(::fcntl(hSocket, F_GETFL))
+    {
+        ::fcntl(m_hSocket, F_SETFL, m_nFlags | O_NONBLOCK);
+    }
+    ~CNonBlocking() { ::fcntl(m_hSocket, F_SETFL, m_nFlags); }
+    CNonBlocking(const CNonBlocking&) = delete;
+    CNonBlocking& operator=(const CNonBlocking&) = delete;
+
+private:
+    SOCKET m_hSocket;
+    int m_nFlags;
+};
+
+} // namespace
+
+CSockHandle::~CSockHandle()
+{
+    if (m_hSocket != -1)
+        ::close(m_hSocket);
+}
+
+CSyncSocket::CSyncSocket(SOCKET hSocket)
+{
+    SetHandle(hSocket);
+}
+
+void CSyncSocket::SetHandle(SOCKET hSocket)
+{
+    auto pHandle = hSocket == -1 ? nullptr : std::make_shared<CSockHandle>(hSocket);
+    const CThreadGuard guard(m_lock);
+    m_hSocket.swap(pHandle);
+    m_bTimedOut = false;
+}
+
+CSyncSocket::Pin CSyncSocket::PinHandle() const
+{
+    const CThreadGuard guard(m_lock);
+    return m_hSocket;
+}
+
+SOCKET CSyncSocket::GetHandle() const
+{
+    const auto pin = PinHandle();
+    return pin ? pin->Get() : -1;
+}
+
+bool CSyncSocket::IsSocket() const noexcept
+{
+    const SOCKET hSocket = GetHandle();
+    return hSocket != 0 && hSocket != -1;
+}
+
+bool CSyncSocket::Create(UINT nPort, int nType, LPCSTR szAddr, int nReuse)
+{
+    if (GetHandle() != -1)
+        return true;
+    const SOCKET hSocket = ::socket(AF_INET, nType | SOCK_CLOEXEC, 0);
+    if (hSocket == -1)
+        return false;
+    SetHandle(hSocket);
+    SendAtOnce(hSocket);
+    if (nPort == 0 && !szAddr)
+        return true;
+    if (nReuse != 0)
+        SetOption(hSocket, SOL_SOCKET, SO_REUSEADDR, nReuse);
+    sockaddr_in addr;
+    CreateAddrIn(szAddr, nPort, addr);
+    if (::bind(hSocket, reinterpret_cast<const sockaddr*>(&addr), sizeof addr) == 0)
+        return true;
+    SetHandle(-1);
+    return false;
+}
+
+void CSyncSocket::CreateAddrIn(LPCSTR szHost, UINT nPort, sockaddr_in& addr)
+{
+    CreateAddrIn(ULONG{INADDR_ANY}, nPort, addr);
+    if (!szHost)
+        return;
+    addr.sin_addr.s_addr = ::inet_addr(szHost);
+    if (addr.sin_addr.s_addr != INADDR_ANY && addr.sin_addr.s_addr != INADDR_NONE)
+        return;
+    addrinfo hints{};
+    hints.ai_family = AF_INET;
+    hints.ai_socktype = SOCK_STREAM;
+    addrinfo* pFound = nullptr;
+    if (::getaddrinfo(szHost, nullptr, &hints, &pFound) != 0)
+        return;
+    const std::unique_ptr<addrinfo, decltype(&::freeaddrinfo)> found(pFound, ::freeaddrinfo);
+    addr.sin_addr = reinterpret_cast<const sockaddr_in*>(found->ai_addr)->sin_addr;
+}
+
+void CSyncSocket::CreateAddrIn(ULONG nIp, UINT nPort, sockaddr_in& addr) noexcept
+{
+    addr = {};
+    addr.sin_family = AF_INET;
+    addr.sin_port = htons(static_cast<uint16_t>(nPort));
+    addr.sin_addr.s_addr = static_cast<in_addr_t>(nIp);
+}
+
+bool CSyncSocket::_Connect(ULONG nIp, UINT nPort)
+{
+    const auto pin = PinHandle();
+    if (!pin)
+        return false;
+    sockaddr_in addr;
+    CreateAddrIn(nIp, nPort, addr);
+    const CDeadline deadline(m_nConnectTimeOut);
+    const CNonBlocking nonBlocking(pin->Get());
+    if (::connect(pin->Get(), reinterpret_cast<const sockaddr*>(&addr), sizeof addr) == 0)
+        return true;
+    if (errno != EINPROGRESS && errno != EINTR)
+        return false;
+    if (deadline.Wait(pin->Get(), POLLOUT) != 1)
+        return false;
+    int nError = 0;
+    socklen_t nLen = sizeof nError;
+    return ::getsockopt(pin->Get(), SOL_SOCKET, SO_ERROR, &nError, &nLen) == 0 && nError == 0;
+}
+
+bool CSyncSocket::_Connect(LPCSTR szHost, UINT nPort)
+{
+    sockaddr_in addr;
+    CreateAddrIn(szHost, nPort, addr);
+    return _Connect(ULONG{addr.sin_addr.s_addr}, nPort);
+}
+
+bool CSyncSocket::Listen(int nBacklog)
+{
+    return ::listen(GetHandle(), nBacklog) == 0;
+}
+
+bool CSyncSocket::Accept(CSyncSocket& sockNew, sockaddr* pAddr, socklen_t* pAddrLen)
+{
+    const auto pin = PinHandle();
+    SOCKET hNew = -1;
+    do
+        hNew = ::accept4(pin ? pin->Get() : -1, pAddr, pAddrLen, SOCK_CLOEXEC);
+    while (hNew == -1 && errno == EINTR);
+    sockNew.SetHandle(hNew);
+    if (hNew != -1)
+        SendAtOnce(hNew);
+    return hNew != -1;
+}
+
+bool CSyncSocket::ShutDown() noexcept
+{
+    const auto pin = PinHandle();
+    return pin && ::shutdown(pin->Get(), SHUT_RDWR) == 0;
+}
+
+void CSyncSocket::Close()
+{
+    // The virtual test comes first: a derived class may have its own idea of what is a socket.
+    const bool bClose = IsSocket();
+    Pin pHandle;
+    {
+        const CThreadGuard guard(m_lock);
+        m_hSocket.swap(pHandle);
+    }
+    if (pHandle && !bClose)
+        pHandle->Forget();
+}
+
+void CSyncSocket::CloseForked() noexcept RK_NO_THREAD_SAFETY
+{
+    if (!m_hSocket)
+        return;
+    ::close(m_hSocket->Get());
+    m_hSocket->Forget();
+}
+
+int CSyncSocket::NoteTimeOut(int nResult, int nFlags) noexcept
+{
+    if (nResult < 0 && !(nFlags & MSG_DONTWAIT) && WouldBlock())
+        m_bTimedOut = true;
+    return nResult;
+}
+
+int CSyncSocket::SendOn(SOCKET hSocket, const void* pBuf, int nLen, int nFlags)
+{
+    const CDeadline deadline(m_nSendTimeOut);
+    const auto* pFrom = static_cast<const BYTE*>(pBuf);
+    int nDone = 0;
+    for (;;) {
+        const auto nLeft = static_cast<size_t>(nLen - nDone);
+        const auto nSent = ::send(hSocket, pFrom + nDone, nLeft, nFlags | MSG_NOSIGNAL);
+        if (nSent >= 0) {
+            nDone += static_cast<int>(nSent);
+            if (nDone >= nLen || (nFlags & MSG_DONTWAIT))
+                return nDone;
+        } else if (errno != EINTR) {
+            NoteTimeOut(-1, nFlags);
+            return nDone > 0 ? nDone : -1;
+        }
+        if (deadline.Wait(hSocket, POLLOUT) != 1) {
+            m_bTimedOut = true;
+            errno = EAGAIN;
+            return nDone > 0 ? nDone : -1;
+        }
+    }
+}
+
+int CSyncSocket::RecvOn(SOCKET hSocket, void* pBuf, int nLen, int nFlags)
+{
+    const CDeadline deadline(m_nRecvTimeOut);
+    for (;;) {
+        const auto nGot = ::recv(hSocket, pBuf, static_cast<size_t>(nLen), nFlags);
+        if (nGot >= 0 || errno != EINTR)
+            return NoteTimeOut(static_cast<int>(nGot), nFlags);
+        if (deadline.Wait(hSocket, POLLIN) != 1) {
+            errno = EAGAIN;
+            return NoteTimeOut(-1, nFlags);
+        }
+    }
+}
+
+int CSyncSocket::_Send(const void* pBuf, int nLen, int nFlags)
+{
+    const auto pin = PinHandle();
+    return pin && nLen >= 0 ? SendOn(pin->Get(), pBuf, nLen, nFlags) : -1;
+}
+
+int CSyncSocket::_Recv(void* pBuf, int nLen, int nFlags)
+{
+    const auto pin = PinHandle();
+    return pin && nLen >= 0 ? RecvOn(pin->Get(), pBuf, nLen, nFlags) : -1;
+}
+
+bool CSyncSocket::SendAll(const void* pBuf, int nLen, int nFlags)
+{
+    if (nLen < 1)
+        return nLen == 0;
+    const auto pin = PinHandle();
+    int nDone = 0;
+    while (pin && nDone < nLen) {
+        const int nSent = SendOn(pin->Get(), static_cast<const BYTE*>(pBuf) + nDone, nLen - nDone, nFlags);
+        if (nSent < 1)
+            return false;
+        nDone += nSent;
+    }
+    return nDone == nLen;
+}
+
+bool CSyncSocket::RecvAll(void* pBuf, int nLen, int nFlags)
+{
+    if (nLen < 1)
+        return nLen == 0;
+    const auto pin = PinHandle();
+    int nDone = 0;
+    while (pin && nDone < nLen) {
+        const int nGot = RecvOn(pin->Get(), static_cast<BYTE*>(pBuf) + nDone, nLen - nDone, nFlags);
+        if (nGot < 1)
+            return false;
+        nDone += nGot;
+    }
+    return nDone == nLen;
+}
+
+bool CSyncSocket::SendTimeOut(const void* pBuf, ULONG nLen, long nMs)
+{
+    const auto pin = PinHandle();
+    if (!pin || nLen > 0x7FFFFFFF || CDeadline(std::max(nMs, 1L)).Wait(pin->Get(), POLLOUT) != 1)
+        return false;
+    return _Send(pBuf, static_cast<int>(nLen), 0) == static_cast<int>(nLen);
+}
+
+int CSyncSocket::RecvTimeOut(void* pBuf, int nLen, long nMs)
+{
+    const auto pin = PinHandle();
+    if (!pin || CDeadline(std::max(nMs, 1L)).Wait(pin->Get(), POLLIN) != 1)
+        return RECV_EXPIRED;
+    return _Recv(pBuf, nLen, 0);
+}
+
+int CSyncSocket::_SendTo(const void* pBuf, int nLen, UINT nPort, LPCSTR szHost, int nFlags)
+{
+    const auto pin = PinHandle();
+    if (!pin || nLen < 0)
+        return -1;
+    sockaddr_in addr;
+    CreateAddrIn(szHost, nPort, addr);
+    return static_cast<int>(::sendto(pin->Get(), pBuf, static_cast<size_t>(nLen), nFlags | MSG_NOSIGNAL,
+                                     reinterpret_cast<const sockaddr*>(&addr), sizeof addr));
+}
+
+int CSyncSocket::_RecvFrom(void* pBuf, int nLen, sockaddr_in& addr, int nFlags)
+{
+    const auto pin = PinHandle();
+    addr = {};
+    if (!pin || nLen < 0)
+        return -1;
+    socklen_t nAddrLen = sizeof addr;
+    return static_cast<int>(::recvfrom(pin->Get(), pBuf, static_cast<size_t>(nLen), nFlags,
+                                       reinterpret_cast<sockaddr*>(&addr), &nAddrLen));
+}
+
+bool CSyncSocket::SetRecvTimeOut(long nMs)
+{
+    const timeval tv = ToTimeval(nMs);
+    if (::setsockopt(GetHandle(), SOL_SOCKET, SO_RCVTIMEO, &tv, sizeof tv) != 0)
+        return false;
+    m_nRecvTimeOut = nMs;
+    return true;
+}
+
+bool CSyncSocket::SetSendTimeOut(long nMs)
+{
+    const timeval tv = ToTimeval(nMs);
+    if (::setsockopt(GetHandle(), SOL_SOCKET, SO_SNDTIMEO, &tv, sizeof tv) != 0)
+        return false;
+    m_nSendTimeOut = nMs;
+    return true;
+}
+
+bool CSyncSocket::SetTimeOut(long nMs)
+{
+    return nMs == 0 || (SetRecvTimeOut(nMs) && SetSendTimeOut(nMs));
+}
+
+bool CSyncSocket::GetRecvTimeOut(long& nMs) const
+{
+    timeval tv{};
+    socklen_t nLen = sizeof tv;
+    if (::getsockopt(GetHandle(), SOL_SOCKET, SO_RCVTIMEO, &tv, &nLen) != 0)
+        return false;
+    nMs = tv.tv_sec * 1000 + tv.tv_usec / 1000;
+    return true;
+}
+
+bool CScnSocket::_Connect(LPCSTR szHost, UINT nPort)
+{
+    return m_nCenterIp != 0 ? CSyncSocket::_Connect(m_nCenterIp, nPort)
+                            : CSyncSocket::_Connect(szHost, nPort);
+}
+
+int CReqTimeSock::_Send(const void* pBuf, int nLen, int nFlags)
+{
+    m_lastReqTime = std::time(nullptr);
+    return CSyncSocket::_Send(pBuf, nLen, nFlags);
+}

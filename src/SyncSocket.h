@@ -1,0 +1,124 @@
+// Blocking IPv4 stream sockets with millisecond time-outs, and nothing more: no protocol lives here.
+//
+// Results are booleans or byte counts; nothing throws. A call that a handled signal interrupts is resumed
+// and still ends by the time-out it began with. Every socket is close-on-exec, sends without SIGPIPE and
+// never waits for the kernel to gather small packets (TCP_NODELAY).
+//
+// Threads: one thread transfers at a time, but any thread may Close() or ShutDown() meanwhile. Each call
+// pins the descriptor, so its number is closed once, by whoever leaves it last, and is never reused by the
+// system while a call is still inside it.
+#pragma once
+
+#include "ThreadLock.h"
+#include "wintypes.h"
+
+#include <atomic>
+#include <chrono>
+#include <ctime>
+#include <memory>
+#include <netinet/in.h>
+#include <sys/socket.h>
+
+/// One open descriptor, closed when its last holder lets go.
+class CSockHandle
+{
+public:
+    explicit CSockHandle(SOCKET hSocket) noexcept : m_hSocket(hSocket) {}
+    ~CSockHandle();
+    CSockHandle(const CSockHandle&) = delete;
+    CSockHandle& operator=(const CSockHandle&) = delete;
+
+    SOCKET Get() const noexcept { return m_hSocket; }
+    void Forget() noexcept { m_hSocket = -1; }
+
+private:
+    SOCKET m_hSocket;
+};
+
+class CSyncSocket
+{
+public:
+    static constexpr int RECV_EXPIRED = -3; // RecvTimeOut: nothing came in time (0: peer closed, -1: error)
+
+    CSyncSocket() noexcept = default;
+    explicit CSyncSocket(SOCKET hSocket);
+    virtual ~CSyncSocket() = default; // closes any descriptor but -1, 0 included
+    /// Neither 0 nor -1 is a socket here.
+    virtual bool IsSocket() const noexcept;
+    /// Sends once; a send that a signal cut short goes on. Returns the bytes sent, or -1.
+    virtual int _Send(const void* pBuf, int nLen, int nFlags = 0);
+    /// Receives once. Returns the bytes received, 0 when the peer closed, -1 on error or time-out.
+    virtual int _Recv(void* pBuf, int nLen, int nFlags = 0);
+    CSyncSocket(const CSyncSocket&) = delete;
+    CSyncSocket& operator=(const CSyncSocket&) = delete;
+
+    /// Opens a socket unless one is held; binds it when a port or an address is given.
+    bool Create(UINT nPort = 0, int nType = SOCK_STREAM, LPCSTR szAddr = nullptr, int nReuse = 0);
+    static void CreateAddrIn(LPCSTR szHost, UINT nPort, sockaddr_in& addr);
+    static void CreateAddrIn(ULONG nIp, UINT nPort, sockaddr_in& addr) noexcept;
+    /// nIp in network byte order. Bounded by SetConnectTimeOut. A failure leaves the descriptor open.
+    bool _Connect(ULONG nIp, UINT nPort);
+    bool _Connect(LPCSTR szHost, UINT nPort);
+    bool Listen(int nBacklog = 5);
+    bool Accept(CSyncSocket& sockNew, sockaddr* pAddr, socklen_t* pAddrLen);
+    /// Ends both directions at once and wakes whoever waits in a call; the descriptor stays.
+    bool ShutDown() noexcept;
+    void Close();
+    /// For the copy that a fork made: closes the number without a word to the peer and without taking the
+    /// lock, which a thread that does not exist in this process may hold.
+    void CloseForked() noexcept;
+
+    bool SendAll(const void* pBuf, int nLen, int nFlags = 0);
+    bool RecvAll(void* pBuf, int nLen, int nFlags = 0);
+    bool SendTimeOut(const void* pBuf, ULONG nLen, long nMs);
+    int RecvTimeOut(void* pBuf, int nLen, long nMs);
+    int _SendTo(const void* pBuf, int nLen, UINT nPort, LPCSTR szHost, int nFlags = 0);
+    int _RecvFrom(void* pBuf, int nLen, sockaddr_in& addr, int nFlags = 0);
+
+    bool SetRecvTimeOut(long nMs);
+    bool SetSendTimeOut(long nMs);
+    /// 0 leaves both time-outs as they are.
+    bool SetTimeOut(long nMs);
+    bool GetRecvTimeOut(long& nMs) const;
+    void SetConnectTimeOut(long nMs) noexcept { m_nConnectTimeOut = nMs; }
+    /// True once a blocking transfer on the current socket has ended by its time-out: the peer may still
+    /// answer what was asked, so the stream can no longer be trusted.
+    bool HasTimedOut() const noexcept { return m_bTimedOut; }
+    SOCKET GetHandle() const;
+
+protected:
+    using Pin = std::shared_ptr<CSockHandle>;
+    Pin PinHandle() const;
+    int SendOn(SOCKET hSocket, const void* pBuf, int nLen, int nFlags);
+    int RecvOn(SOCKET hSocket, void* pBuf, int nLen, int nFlags);
+
+private:
+    void SetHandle(SOCKET hSocket);
+    int NoteTimeOut(int nResult, int nFlags) noexcept;
+
+    mutable CThreadLock m_lock;
+    Pin m_hSocket RK_GUARDED_BY(m_lock); // null: no socket
+    std::atomic<long> m_nRecvTimeOut{0}; // ms, 0: none; what SO_RCVTIMEO holds
+    std::atomic<long> m_nSendTimeOut{0};
+    std::atomic<long> m_nConnectTimeOut{0};
+    std::atomic<bool> m_bTimedOut{false};
+};
+
+/// A socket that can be told to connect to a relay centre in place of the host it is given.
+class CScnSocket : public CSyncSocket
+{
+public:
+    bool _Connect(LPCSTR szHost, UINT nPort);
+
+    ULONG m_nCenterIp = 0; // network byte order; 0: connect to the host that is named
+};
+
+/// The request socket: remembers when the last request went out.
+class CReqTimeSock : public CScnSocket
+{
+public:
+    CReqTimeSock() : m_lastReqTime(std::time(nullptr)) {}
+    int _Send(const void* pBuf, int nLen, int nFlags = 0) override;
+
+    time_t m_lastReqTime;
+};
