@@ -136,6 +136,7 @@ EConnect CDBCore::LoadDrivers(const SNAckRegReq& ack)
 EConnect CDBCore::StartReceiving(DWORD nRights)
 {
     m_nRights = nRights;
+    m_fork.Renew();
     m_pRecvLink = std::make_shared<CRecvLink>();
     m_bConnect = true;
     if (rkthread_create(RecvThread, this) == 0)
@@ -298,8 +299,17 @@ std::shared_ptr<CPyCallback> CDBCore::KeepCallback(PyObject* pFn)
     return m_callbacks.emplace_back(std::make_shared<CPyCallback>(pFn));
 }
 
+void CDBCore::AbandonForked()
+{
+    LiveCores().erase(this);
+    m_rcvSock.CloseForked();
+    m_reqSock.CloseForked();
+    m_callbacks.clear();
+}
+
 void CDBCore::EndAll()
 {
+    std::erase_if(LiveCores(), [](const CDBCore* pCore) { return pCore->IsForked(); });
     // All are told before any is waited for: their threads end side by side.
     for (CDBCore* pCore : LiveCores()) {
         if (pCore->m_bConnect.exchange(false))

@@ -86,6 +86,12 @@ public:
     /// Keeps a callable for this core's life. Interpreter lock held.
     std::shared_ptr<CPyCallback> KeepCallback(PyObject* pFn);
 
+    /// True in a process that a fork has copied a live connection into.
+    bool IsForked() const noexcept { return m_pRecvLink && m_fork.IsForked(); }
+    /// For such a copy: closes its descriptors and lets go of its callables, in silence and without a lock.
+    /// The object must then be left as it is.
+    void AbandonForked();
+
     /// Ends every connection of the process and lets its threads go: the interpreter is about to end.
     static void EndAll();
     /// Receive threads that have not ended yet, of all cores.
@@ -111,6 +117,7 @@ private:
     bool ReadActiveAlarms(std::vector<S2RtAlarm2>& alarms);
     StringListPtr LoadStringList(const char* szFile);
 
+    CForkMark m_fork;
     std::atomic<bool> m_bConnect{false}; // also the receive thread's run flag
     std::shared_ptr<CRecvLink> m_pRecvLink;
     StringListPtr m_textList; // null: not loaded

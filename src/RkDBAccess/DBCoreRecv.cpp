@@ -3,6 +3,7 @@
 
 #include <chrono>
 #include <cxxabi.h>
+#include <pthread.h>
 #include <thread>
 
 namespace {
@@ -16,6 +17,7 @@ constexpr auto FIRST_VALUE_WAIT = std::chrono::milliseconds(500);
 constexpr auto FIRST_VALUE_STEP = std::chrono::milliseconds(1);
 
 std::atomic<int> g_nThreads{0};
+[[maybe_unused]] const int g_nForkHandler = ::pthread_atfork(nullptr, nullptr, [] { g_nThreads = 0; });
 
 struct SThreadCount
 {

@@ -10,6 +10,7 @@
 // thread can see the driver.
 #pragma once
 
+#include "ForkMark.h"
 #include "PyGlue.h"
 
 #include "XVariant.h"
@@ -58,6 +59,8 @@ public:
 
     void AddRef() noexcept { ++m_nRefs; }
     void Release() noexcept;
+    /// True in a process that a fork has copied the driver into: it answers nothing there.
+    bool IsForked() const noexcept { return m_fork.IsForked(); }
     /// The connection has ended: nothing is sent from now on. Any thread.
     void Detach() noexcept { m_pDBCore = nullptr; }
 
@@ -134,6 +137,7 @@ private:
         std::atomic<bool>& m_bFlag;
     };
 
+    const CForkMark m_fork;
     std::atomic<int> m_nRefs{0};
     std::atomic<CDBCore*> m_pDBCore;
     std::atomic<bool> m_bAdvising{false};
