@@ -14,6 +14,16 @@ What holds for every method:
   for a direct address, 13 seconds through a relay centre.
 * Driver and tag names may hold every character of GB2312 (ASCII, Chinese, ...). They cross the network in GB2312.
 * All arguments are positional.
+
+What holds for every callback:
+
+* It is called under the interpreter lock, one at a time; while one runs, the next change or alarm waits.
+* Its result is ignored. An exception goes to `sys.unraisablehook`, and the stream goes on.
+* The registration keeps it alive until the `DBCore` is gone. Of a bound method only the function is kept: when its
+  instance is gone the calls are skipped, with one `RuntimeWarning`.
+
+After `os.fork` the child's copies are not connected; the parent's go on. When the interpreter ends, every connection
+is ended first.
 """
 
 from collections.abc import Callable
@@ -86,7 +96,6 @@ class DBCore:
             8. value: `float`, the value that the server reports with the alarm, in the tag's unit;
             9. limit: `float`, the limit it is compared with, in the tag's unit;
             10. status: `int` from 0 to 255, the server's meaning.
-            Its result is ignored.
         notifyExisting: true to be called, before this method returns and in the calling thread, for the alarms that
             are active now, the one reported last first; 0 to be called for later ones only. Later alarms come in the
             receive thread.
@@ -116,8 +125,8 @@ class Driver:
 
         fn: called in the receive thread with (driver name, tag name, value): two `str` and the new value as
             `GetTagValue` would give it. Called for tags that `ConnectTag` subscribed or the server otherwise
-            pushes, if they have been read or subscribed before; its result is ignored. A change of a type without
-            Python form calls nothing.
+            pushes, if they have been read or subscribed before. A change of a type without Python form calls
+            nothing.
 
         The first registration stays in force; a later one changes nothing. Nothing is sent.
         Raises `TypeError` "parameter must be callable".
@@ -165,8 +174,8 @@ class Driver:
 
         Returns:
             0   sent (the server does not confirm; read the tag to see the effect);
-            -1  the user has no right to write values (also before `Connect`);
-            -2  a name could not be looked up, or sending failed;
-            -3  no such tag, a value of another type, no list for several names, or a list that is too short.
-                Nothing has been sent then.
+            -1  the user has no right to write values;
+            -2  not connected, a name could not be looked up, or sending failed;
+            -3  no such tag, a value of another type, a text that has no UTF-8 form, holds a NUL or passes 2,038
+                bytes, no list for several names, or a list that is too short. Nothing has been sent then.
         """
