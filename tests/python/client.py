@@ -10,6 +10,7 @@ from contextlib import contextmanager, suppress
 from pathlib import Path
 
 from dialogue import PASSWORD, USER
+from peer import Peer
 
 from RkDBAccess import DBCore, Driver
 
@@ -48,6 +49,16 @@ def read(driver: Driver, names: str) -> object:
     """GetTagValue, with a list's unset items made visible."""
     value = driver.GetTagValue(names)
     return items(value) if type(value) is list else value
+
+
+class Session:
+    """A client that is connected, with both its drivers."""
+
+    def __init__(self, peer: Peer) -> None:
+        self.peer = peer
+        self.core = connect(peer.host)
+        self.boiler = self.core.GetDriver("Boiler")
+        self.station = self.core.GetDriver("泵站")
 
 
 def sockets_to(address: tuple[str, int]) -> list[int]:

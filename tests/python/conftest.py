@@ -19,8 +19,11 @@ import uuid
 from collections.abc import Callable, Iterator, Mapping, Sequence
 from dataclasses import dataclass
 from pathlib import Path
+from typing import Protocol
 
 import pytest
+from client import Session
+from dialogue import Steps, connecting
 from peer import PATIENCE, Peer, Step
 
 MIRROR_ROOT = Path("/tmp/rkbrowser")
@@ -133,6 +136,22 @@ def play(request: pytest.FixtureRequest, hosts: list[str]) -> Iterator[Play]:
     assert not complaints, "; ".join(complaints)
 
 
+class Serve(Protocol):
+    """Gives a client connected to a peer that goes on with these exchanges."""
+
+    def __call__(self, *exchanges: Steps, rights: int = 0) -> Session: ...
+
+
+@pytest.fixture
+def serve(play: Play, project: str) -> Serve:
+    """Starts a peer that lets a client connect and then plays the exchanges given; gives the connected client."""
+
+    def start(*exchanges: Steps, rights: int = 0) -> Session:
+        return Session(play(connecting(project, rights=rights) + list(itertools.chain(*exchanges))))
+
+    return start
+
+
 _relay_numbers = itertools.count(1)
 
 
@@ -152,12 +171,15 @@ class Outcome:
     errors: str
 
 
-def run_alone(script: str, *arguments: str, timeout: float = 60.0, **environment: str) -> Outcome:
-    """Runs Python text in a process of its own, so that a crash or a hang is a failed test with a stack."""
+def run_alone(script: str, *arguments: str, timeout: float = 60.0, through: Sequence[str] = ()) -> Outcome:
+    """Runs Python text in a process of its own, so that a crash or a hang is a failed test with a stack.
+
+    through: a command that starts the process.
+    """
     watchdog = f"import faulthandler; faulthandler.dump_traceback_later({timeout}, exit=True)\n"
     done = subprocess.run(
-        [sys.executable, "-X", "faulthandler", "-c", watchdog + script, *arguments],
-        env={**os.environ, "PYTHONPATH": os.pathsep.join([p for p in sys.path if p]), **environment},
+        [*through, sys.executable, "-X", "faulthandler", "-c", watchdog + script, *arguments],
+        env={**os.environ, "PYTHONPATH": os.pathsep.join(path for path in sys.path if path)},
         capture_output=True,
         text=True,
         timeout=timeout + 30,
@@ -166,9 +188,9 @@ def run_alone(script: str, *arguments: str, timeout: float = 60.0, **environment
     return Outcome(done.returncode, done.stdout, done.stderr)
 
 
-def passes_alone(script: str, *arguments: str, timeout: float = 60.0, **environment: str) -> str:
+def passes_alone(script: str, *arguments: str, timeout: float = 60.0, through: Sequence[str] = ()) -> str:
     """Runs Python text as above; it must end by itself with status 0 and complain about nothing. Gives its output."""
-    outcome = run_alone(script, *arguments, timeout=timeout, **environment)
+    outcome = run_alone(script, *arguments, timeout=timeout, through=through)
     assert (outcome.status, outcome.errors) == (0, ""), f"status {outcome.status}\n{outcome.output}\n{outcome.errors}"
     return outcome.output
 

@@ -39,6 +39,10 @@ def send(name: str, data: bytes) -> Steps:
     return [("send", name, data)]
 
 
+def send_anyway(name: str, data: bytes) -> Steps:
+    return [("send_anyway", name, data)]
+
+
 def trickle(name: str, data: bytes, pause: float = 0.003, piece: int = 1) -> Steps:
     return [("trickle", name, data, pause, piece)]
 
@@ -158,3 +162,15 @@ def reading(positions: Sequence[int], *blocks: bytes, driver: int = BOILER) -> S
 def reading_numbers(positions: Sequence[int], numbers: Iterable[int], driver: int = BOILER) -> Steps:
     """One read request answered with 32-bit integers in one block."""
     return reading(positions, wire.read_block(wire.typed(wire.VT_I4, number) for number in numbers), driver=driver)
+
+
+def sending_by_windows(data: bytes) -> Steps:
+    """Sends a header and its body, waiting for the acknowledgement of each full window but the one the body ends in."""
+    steps: Steps = []
+    for window in wire.windows():
+        steps += send("req", data[:window])
+        data = data[window:]
+        if not data:
+            return steps
+        steps += want("req", wire.acknowledgement(window))
+    raise AssertionError("windows() ended")

@@ -21,11 +21,13 @@ import subprocess
 import sys
 import time
 from collections.abc import Callable, Mapping, Sequence
+from contextlib import suppress
 from pathlib import Path
 from types import TracebackType
 from typing import Any
 
 import wire
+from hostile import HostileServer
 
 Step = tuple[Any, ...]
 PATIENCE = 30.0  # seconds a peer waits for any one thing; far above the client's own time-outs
@@ -152,6 +154,11 @@ class Player:
     def send(self, name: str, data: bytes) -> None:
         self._connection(name).sendall(data)
 
+    def send_anyway(self, name: str, data: bytes) -> None:
+        """Sends to a client that may have gone meanwhile."""
+        with suppress(ConnectionResetError, BrokenPipeError):
+            self.send(name, data)
+
     def trickle(self, name: str, data: bytes, pause: float = 0.003, piece: int = 1) -> None:
         for start in range(0, len(data), piece):
             self.send(name, data[start : start + piece])
@@ -172,6 +179,10 @@ class Player:
 
     def pause(self, seconds: float) -> None:
         time.sleep(seconds)
+
+    def be_hostile(self, seed: int, project: bytes) -> None:
+        """Serves any number of clients at random until the test says something."""
+        HostileServer(self._listeners["server"], seed, project).run(stop=0)
 
     # The test.
 
