@@ -30,7 +30,8 @@ private:
     int m_nError;
 };
 
-/// Blocks all signals of this thread for one scope; a thread started in it inherits that for life.
+/// Blocks the signals of this thread for one scope; a thread started in it inherits that for life. Those that
+/// a fault of the thread itself raises stay, so that whoever reports crashes sees them.
 class CSignalsBlocked
 {
 public:
@@ -38,6 +39,8 @@ public:
     {
         sigset_t all;
         ::sigfillset(&all);
+        for (const int nFault : {SIGSEGV, SIGBUS, SIGFPE, SIGILL, SIGABRT, SIGTRAP, SIGSYS})
+            ::sigdelset(&all, nFault);
         ::pthread_sigmask(SIG_SETMASK, &all, &m_before);
     }
     ~CSignalsBlocked() { ::pthread_sigmask(SIG_SETMASK, &m_before, nullptr); }
