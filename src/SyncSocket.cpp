@@ -1,11 +1,12 @@
 // The socket calls behind SyncSocket.h. All options are set where a socket opens, so that no path misses one.
 #include "SyncSocket.h"
 
+#include "HostName.h"
+
 #include <algorithm>
 #include <arpa/inet.h>
 #include <cerrno>
 #include <fcntl.h>
-#include <netdb.h>
 #include <netinet/tcp.h>
 #include <poll.h>
 #include <unistd.h>
@@ -143,7 +144,7 @@ bool CSyncSocket::Create(UINT nPort, int nType, LPCSTR szAddr, int nReuse)
     return false;
 }
 
-void CSyncSocket::CreateAddrIn(LPCSTR szHost, UINT nPort, sockaddr_in& addr)
+void CSyncSocket::CreateAddrIn(LPCSTR szHost, UINT nPort, sockaddr_in& addr, long nMs)
 {
     CreateAddrIn(ULONG{INADDR_ANY}, nPort, addr);
     if (!szHost)
@@ -151,14 +152,8 @@ void CSyncSocket::CreateAddrIn(LPCSTR szHost, UINT nPort, sockaddr_in& addr)
     addr.sin_addr.s_addr = ::inet_addr(szHost);
     if (addr.sin_addr.s_addr != INADDR_ANY && addr.sin_addr.s_addr != INADDR_NONE)
         return;
-    addrinfo hints{};
-    hints.ai_family = AF_INET;
-    hints.ai_socktype = SOCK_STREAM;
-    addrinfo* pFound = nullptr;
-    if (::getaddrinfo(szHost, nullptr, &hints, &pFound) != 0)
-        return;
-    const std::unique_ptr<addrinfo, decltype(&::freeaddrinfo)> found(pFound, ::freeaddrinfo);
-    addr.sin_addr = reinterpret_cast<const sockaddr_in*>(found->ai_addr)->sin_addr;
+    if (const auto found = ResolveHost(szHost, nMs))
+        addr.sin_addr = *found;
 }
 
 void CSyncSocket::CreateAddrIn(ULONG nIp, UINT nPort, sockaddr_in& addr) noexcept
@@ -192,7 +187,7 @@ bool CSyncSocket::_Connect(ULONG nIp, UINT nPort)
 bool CSyncSocket::_Connect(LPCSTR szHost, UINT nPort)
 {
     sockaddr_in addr;
-    CreateAddrIn(szHost, nPort, addr);
+    CreateAddrIn(szHost, nPort, addr, m_nConnectTimeOut);
     return _Connect(ULONG{addr.sin_addr.s_addr}, nPort);
 }
 

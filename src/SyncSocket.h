@@ -54,9 +54,11 @@ public:
 
     /// Opens a socket unless one is held; binds it when a port or an address is given.
     bool Create(UINT nPort = 0, int nType = SOCK_STREAM, LPCSTR szAddr = nullptr, int nReuse = 0);
-    static void CreateAddrIn(LPCSTR szHost, UINT nPort, sockaddr_in& addr);
+    /// A name is looked up for nMs at most (0: no limit); one that is not found leaves the address all-ones.
+    static void CreateAddrIn(LPCSTR szHost, UINT nPort, sockaddr_in& addr, long nMs = 0);
     static void CreateAddrIn(ULONG nIp, UINT nPort, sockaddr_in& addr) noexcept;
-    /// nIp in network byte order. Bounded by SetConnectTimeOut. A failure leaves the descriptor open.
+    /// nIp in network byte order. Bounded by SetConnectTimeOut, and so is the look-up of a name. A failure
+    /// leaves the descriptor open.
     bool _Connect(ULONG nIp, UINT nPort);
     bool _Connect(LPCSTR szHost, UINT nPort);
     bool Listen(int nBacklog = 5);
