@@ -12,6 +12,7 @@ import sys
 from pathlib import Path
 
 OURS = re.compile(r"RkDBAccess[^/]*\.so|/rkdbsim\b|/src/(nonwin|RkDBAccess)/|/src/\w+\.(cpp|h):|/sim/\w+\.(cpp|h):")
+FAULT = re.compile(r"ERROR: AddressSanitizer|: runtime error: ")
 LEAK = re.compile(r"^(?:Direct|Indirect) leak of ", re.MULTILINE)
 
 
@@ -28,7 +29,7 @@ def main(folder: Path) -> int:
     faults = 0
     for path in reports:
         text = path.read_text(errors="replace")
-        if "ERROR: AddressSanitizer" in text:
+        if FAULT.search(text):
             faults += 1
             print(f"{path.name}:\n{text}")
         for record in our_leaks(text):
