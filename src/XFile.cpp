@@ -18,7 +18,9 @@ bool XFile::OpenA(LPCSTR path, int flags, bool)
 {
     if (IsOpen())
         return true;
-    m_fh = ::open(path, flags | O_CLOEXEC, flags & O_CREAT ? NEW_FILE_MODE : 0);
+    do
+        m_fh = ::open(path, flags | O_CLOEXEC, flags & O_CREAT ? NEW_FILE_MODE : 0);
+    while (m_fh == -1 && errno == EINTR);
     return m_fh != -1;
 }
 
@@ -57,9 +59,7 @@ int XFile::Write(const void* buf, UINT len)
 
 int64_t XFile::GetFileSize64() const
 {
-    struct stat st
-    {
-    };
+    struct stat st = {};
     ::fstat(m_fh, &st);
     return st.st_size;
 }

@@ -1,4 +1,5 @@
-// A file handle: opens, reads, writes and closes, nothing more. Owns its descriptor.
+// A file handle: opens, reads, writes and closes, nothing more. Owns its descriptor. A call that a signal
+// interrupts is resumed. One thread at a time.
 #pragma once
 
 #include "wintypes.h"

@@ -13,12 +13,16 @@ constexpr long NANOS_PER_SEC = 1'000'000'000;
 class CDetached
 {
 public:
-    CDetached() noexcept : m_nError(::pthread_attr_init(&m_attr))
+    CDetached() noexcept : m_nError(::pthread_attr_init(&m_attr)), m_bInit(m_nError == 0)
     {
-        if (m_nError == 0)
+        if (m_bInit)
             m_nError = ::pthread_attr_setdetachstate(&m_attr, PTHREAD_CREATE_DETACHED);
     }
-    ~CDetached() { ::pthread_attr_destroy(&m_attr); }
+    ~CDetached()
+    {
+        if (m_bInit)
+            ::pthread_attr_destroy(&m_attr);
+    }
     CDetached(const CDetached&) = delete;
     CDetached& operator=(const CDetached&) = delete;
 
@@ -28,6 +32,7 @@ public:
 private:
     pthread_attr_t m_attr{};
     int m_nError;
+    bool m_bInit;
 };
 
 /// Blocks the signals of this thread for one scope; a thread started in it inherits that for life. Those that

@@ -34,6 +34,7 @@ private:
     bool m_bCreate = false;
 };
 
-/// Starts a detached thread. All signals are blocked in it: they are the script's and must not interrupt
-/// calls of a thread that the script knows nothing of. Returns 0, or the error number of the failing call.
+/// Starts a detached thread. Signals are blocked in it: they are the script's and must not interrupt calls of
+/// a thread that the script knows nothing of. Those that a fault of the thread itself raises are not. The
+/// caller's own mask is as before. Returns 0, or the error number of the failing call.
 int rkthread_create(void* (*start_rtn)(void*), void* arg);

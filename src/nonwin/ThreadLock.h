@@ -2,6 +2,8 @@
 // fails where one is touched without it. Elsewhere the annotations are nothing.
 #pragma once
 
+#include <chrono>
+#include <condition_variable>
 #include <mutex>
 
 #if defined(__clang__)
@@ -26,6 +28,8 @@ public:
     bool TryLock() RK_ATTRIBUTE(try_acquire_capability(true)) { return m_mutex.try_lock(); }
 
 private:
+    friend class CThreadCond;
+
     std::mutex m_mutex;
 };
 
@@ -43,4 +47,37 @@ public:
 
 private:
     CThreadLock& m_lock;
+};
+
+/// Waits for what other threads change under a lock. Waits may end without a reason: ask in a loop.
+class CThreadCond
+{
+public:
+    CThreadCond() = default;
+    CThreadCond(const CThreadCond&) = delete;
+    CThreadCond& operator=(const CThreadCond&) = delete;
+
+    /// The lock is let go while waiting and held again on return.
+    void Wait(CThreadLock& lock) RK_REQUIRES(lock)
+    {
+        std::unique_lock held(lock.m_mutex, std::adopt_lock);
+        m_cond.wait(held);
+        held.release();
+    }
+
+    /// Wait for ms milliseconds at most, which a change of the system time does not touch. False when they
+    /// have passed.
+    bool WaitFor(CThreadLock& lock, long ms) RK_REQUIRES(lock)
+    {
+        std::unique_lock held(lock.m_mutex, std::adopt_lock);
+        const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(ms);
+        const bool bNotified = m_cond.wait_until(held, deadline) == std::cv_status::no_timeout;
+        held.release();
+        return bNotified;
+    }
+
+    void NotifyAll() noexcept { m_cond.notify_all(); }
+
+private:
+    std::condition_variable m_cond;
 };

@@ -1,22 +1,28 @@
 // See XVariant.h; the payload table there is TraitsOf here.
 #include "XVariant.h"
 
-#include <array>
+#include <bit>
 #include <cmath>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <utility>
 
-static_assert(sizeof(double) == 8 && sizeof(float) == 4);
+// Values are copied between the union and the wire as they are.
+static_assert(std::endian::native == std::endian::little, "the wire is little-endian");
+static_assert(sizeof(double) == 8 && sizeof(float) == 4 && sizeof(bool) == 1);
+static_assert(sizeof(XVariant) == 16);
 
 namespace {
 
-/// A floating value as an integer: truncated toward zero; no number that 64 bits hold gives 0.
-int64_t Truncate(double value) noexcept
+/// A floating value as an integer: truncated toward zero, negative ones in two's complement. 0 for NaN and
+/// for what neither a signed nor an unsigned 64-bit integer holds, for which the language has no result.
+uint64_t Truncate(double value) noexcept
 {
-    constexpr double LIMIT = 9223372036854775808.0;
-    return value >= -LIMIT && value < LIMIT ? static_cast<int64_t>(value) : 0;
+    constexpr double TWO_TO_63 = 9223372036854775808.0;
+    if (value >= TWO_TO_63 && value < 2 * TWO_TO_63)
+        return static_cast<uint64_t>(value);
+    return value >= -TWO_TO_63 && value < TWO_TO_63 ? static_cast<uint64_t>(static_cast<int64_t>(value)) : 0;
 }
 
 const char* TextOf(const XVariant& value) noexcept
@@ -56,8 +62,7 @@ CString PrintFloating(double value, int nPointBit)
     if (IsDecimals(nPointBit))
         return Print("%.*f", nPointBit, value);
     if (nPointBit == 0)
-        return Print("%d",
-                     static_cast<int>(Truncate(std::round(value)))); // std::round: halves away from zero
+        return Print("%d", static_cast<int>(Truncate(std::round(value)))); // rounds halves away from zero
     return Print("%g", value);
 }
 
@@ -110,7 +115,7 @@ XVariant::XVariant(float value) noexcept : vt(VT_R4), llVal(0)
     fltVal = value;
 }
 XVariant::XVariant(long long value) noexcept : vt(VT_I8), llVal(value) {}
-XVariant::XVariant(double value, VARTYPE vtKind) noexcept : vt(vtKind), llVal(0)
+XVariant::XVariant(double value, VARTYPE vtKind) noexcept : vt(vtKind == VT_DATE ? VT_DATE : VT_R8), llVal(0)
 {
     dblVal = value;
 }
@@ -148,11 +153,6 @@ XVariant& XVariant::operator=(XVariant&& other) noexcept
     std::memcpy(&llVal, &other.llVal, sizeof llVal);
     other.llVal = 0;
     return *this;
-}
-
-XVariant& XVariant::operator=(double value) noexcept
-{
-    return *this = XVariant(value, VT_R8);
 }
 
 /// REQUIRES: vt is that of other, the union is zero.
@@ -357,10 +357,10 @@ uint64_t XVariant::ToInt64() const noexcept
     case VT_I8:
         return static_cast<uint64_t>(llVal);
     case VT_R4:
-        return static_cast<uint64_t>(Truncate(double{fltVal}));
+        return Truncate(double{fltVal});
     case VT_R8:
     case VT_DATE:
-        return static_cast<uint64_t>(Truncate(dblVal));
+        return Truncate(dblVal);
     case VT_STR:
         return *TextOf(*this) == '#' ? ColourOf(TextOf(*this) + 1)
                                      : std::strtoull(TextOf(*this), nullptr, 10);

@@ -55,7 +55,7 @@ public:
     XVariant(float value) noexcept;
     XVariant(long long value) noexcept;
     // NOLINTEND(google-explicit-constructor)
-    /// vtKind: VT_R8 or VT_DATE.
+    /// vtKind: VT_DATE; any other is VT_R8.
     XVariant(double value, VARTYPE vtKind) noexcept;
     /// Copies the 8 bytes of a type without payload too; assignment does not.
     XVariant(const XVariant& other);
@@ -64,7 +64,20 @@ public:
 
     XVariant& operator=(const XVariant& other);
     XVariant& operator=(XVariant&& other) noexcept;
-    XVariant& operator=(double value) noexcept;
+    // One for each type: with fewer, a number of another type would pick the double.
+    XVariant& operator=(LPCSTR value) { return *this = XVariant(value); }
+    XVariant& operator=(bool value) noexcept { return *this = XVariant(value); }
+    XVariant& operator=(char value) noexcept { return *this = XVariant(value); }
+    XVariant& operator=(BYTE value) noexcept { return *this = XVariant(value); }
+    XVariant& operator=(short value) noexcept { return *this = XVariant(value); }
+    XVariant& operator=(USHORT value) noexcept { return *this = XVariant(value); }
+    XVariant& operator=(int value) noexcept { return *this = XVariant(value); }
+    XVariant& operator=(long value) noexcept { return *this = XVariant(value); }
+    XVariant& operator=(UINT value) noexcept { return *this = XVariant(value); }
+    XVariant& operator=(ULONG value) noexcept { return *this = XVariant(value); }
+    XVariant& operator=(float value) noexcept { return *this = XVariant(value); }
+    XVariant& operator=(double value) noexcept { return *this = XVariant(value, VT_R8); }
+    XVariant& operator=(long long value) noexcept { return *this = XVariant(value); }
     void Clear() noexcept;
 
     size_t BufferSize(bool bIncludeVT) const noexcept;
@@ -74,7 +87,7 @@ public:
     /// Without type word the current type is kept.
     size_t FromBuffer(const BYTE* pBuffer, bool bIncludeVT);
     /// FromBuffer for bytes that a peer sent: nothing, and the variant unchanged, when the value runs past
-    /// them.
+    /// them. An array is its type word: what follows it is neither counted nor looked at, here and there.
     std::optional<size_t> FromBytes(std::span<const BYTE> bytes, bool bIncludeVT);
 
     static BYTE GetVTSize(VARTYPE vtSize) noexcept;
@@ -83,8 +96,9 @@ public:
     /// 16-bit words of one value; 1 for whatever is not 4 or 8 bytes wide, dates too.
     static BYTE GetVTSizeW(VARTYPE vtSize) noexcept;
 
-    // Conversions. A number out of the target's range wraps as 64-bit integers do; beyond those, and NaN, is
-    // 0.
+    // Conversions. A floating value is truncated to 64 bits, signed or unsigned, of which narrower targets
+    // keep the low bits; NaN and what 64 bits do not hold give 0. The decimal point of texts is that of the
+    // process's LC_NUMERIC, which Python leaves at "C".
 
     float ToFloat() const noexcept;
     double ToDouble() const noexcept;

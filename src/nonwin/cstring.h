@@ -17,6 +17,7 @@ class CString : public std::string
 {
 public:
     CString() = default;
+    /// Null gives an empty text.
     CString(const char* sz) : std::string(sz ? sz : "") {} // NOLINT(google-explicit-constructor)
     CString(const std::string& str) : std::string(str) {}  // NOLINT(google-explicit-constructor)
     CString(std::string&& str) noexcept
@@ -82,21 +83,44 @@ public:
 };
 
 bool operator==(const CString& left, const CString& right) noexcept;
+// The base's operators and the conversions above would stand in each other's way without these.
+inline bool operator==(const CString& left, const std::string& right) noexcept
+{
+    return static_cast<const std::string&>(left) == right;
+}
 inline bool operator==(const CString& left, const char* right) noexcept
 {
     return static_cast<const std::string&>(left) == right;
 }
-inline CString operator+(const CString& left, const char* right)
+
+// The left side comes by value, so that a chain of sums grows one text.
+inline CString operator+(CString left, const CString& right)
 {
-    CString sum(left);
-    sum.append(right);
-    return sum;
+    left.append(right);
+    return left;
 }
-inline CString operator+(const CString& left, const CString& right)
+inline CString operator+(CString left, const std::string& right)
 {
-    CString sum(left);
-    sum.append(right);
-    return sum;
+    left.append(right);
+    return left;
+}
+inline CString operator+(CString left, const char* right)
+{
+    left.append(right);
+    return left;
+}
+inline CString operator+(CString left, char right)
+{
+    left.push_back(right);
+    return left;
+}
+inline CString operator+(const std::string& left, const CString& right)
+{
+    return CString(left) + right;
+}
+inline CString operator+(const char* left, const CString& right)
+{
+    return CString(left) + right;
 }
 
 /// 'A' to 'Z' become lower-case; all other bytes stay.
