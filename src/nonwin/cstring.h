@@ -8,6 +8,7 @@
 
 #include <string>
 #include <string_view>
+#include <utility>
 
 class XVariant;
 
@@ -104,6 +105,11 @@ inline CString operator+(CString left, const std::string& right)
     left.append(right);
     return left;
 }
+inline CString operator+(CString left, std::string&& right)
+{
+    left.append(right);
+    return left;
+}
 inline CString operator+(CString left, const char* right)
 {
     left.append(right);
@@ -114,9 +120,9 @@ inline CString operator+(CString left, char right)
     left.push_back(right);
     return left;
 }
-inline CString operator+(const std::string& left, const CString& right)
+inline CString operator+(std::string left, const CString& right)
 {
-    return CString(left) + right;
+    return CString(std::move(left)) + right;
 }
 inline CString operator+(const char* left, const CString& right)
 {
