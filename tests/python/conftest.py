@@ -156,10 +156,13 @@ _relay_numbers = itertools.count(1)
 
 
 @pytest.fixture
-def own_address() -> str:
+def own_address() -> Iterator[str]:
     """A loopback address that no other test process uses: the port of relay centres is fixed."""
     number = (os.getpid() << 6) + next(_relay_numbers)
-    return f"127.{1 + number % 250}.{number // 250 % 250}.{number // 62500 % 250}"
+    address = f"127.{1 + number % 250}.{number // 250 % 250}.{number // 62500 % 250}"
+    yield address
+    for path in MIRROR_ROOT.glob(f"*({address}*"):
+        shutil.rmtree(path)
 
 
 @dataclass(frozen=True)

@@ -71,6 +71,10 @@ def end_sending(name: str) -> Steps:
     return [("end_sending", name)]
 
 
+def drain(name: str) -> Steps:
+    return [("drain", name)]
+
+
 def want_eof(*names: str) -> Steps:
     return [("want_eof", name) for name in names]
 
@@ -160,8 +164,12 @@ def reading(positions: Sequence[int], *blocks: bytes, driver: int = BOILER) -> S
 
 
 def reading_numbers(positions: Sequence[int], numbers: Iterable[int], driver: int = BOILER) -> Steps:
-    """One read request answered with 32-bit integers in one block."""
-    return reading(positions, wire.read_block(wire.typed(wire.VT_I4, number) for number in numbers), driver=driver)
+    """One read request answered with 32-bit integers, in as few blocks as hold them."""
+    values = [wire.typed(wire.VT_I4, number) for number in numbers]
+    room = wire.BLOCK_LIMIT // len(wire.typed(wire.VT_I4, 0))
+    starts = range(0, len(values), room)
+    blocks = [wire.read_block(values[start : start + room], more=start != starts[-1]) for start in starts]
+    return reading(positions, *blocks, driver=driver)
 
 
 def sending_by_windows(data: bytes) -> Steps:

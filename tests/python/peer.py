@@ -109,6 +109,12 @@ class Player:
             raise Mismatch(f"wanted the end of the stream, got {_hex(rest)}")
         self.close(name)
 
+    def drain(self, name: str) -> None:
+        """Reads whatever the client still sends until it ends the connection."""
+        while self._receive(name, 65536):
+            pass
+        self.close(name)
+
     def no_connection(self, listener: str = "server") -> None:
         if select.select([self._listeners[listener]], [], [], 0)[0]:
             raise Mismatch(f"a connection to {listener} that the script does not know")

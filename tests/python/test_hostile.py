@@ -3,7 +3,7 @@
 from __future__ import annotations
 
 import pytest
-from conftest import Play, passes_alone
+from conftest import Play, run_alone
 
 SESSIONS = """
 import random, sys
@@ -39,8 +39,8 @@ for _ in range(int(sys.argv[3])):
     for driver in kept:
         driver.GetTagValue("A")
 assert sum(results.values()) == int(sys.argv[3])
-assert results[0] > 0
-assert values > 0
+assert results[0] > 3, results
+assert values > 3, values
 del core, kept
 """
 
@@ -48,5 +48,8 @@ del core, kept
 @pytest.mark.parametrize("seed", range(4))
 def test_a_random_server_neither_crashes_nor_hangs_a_client(play: Play, project: str, seed: int) -> None:
     peer = play([("be_hostile", seed, project.encode()), ("wait", "enough")])
-    passes_alone(SESSIONS, peer.host, str(seed), "40", timeout=80)
+    outcome = run_alone(SESSIONS, peer.host, str(seed), "40", timeout=80)
+    # The one thing that may be said: a project's name was no text.
+    complaints = [line for line in outcome.errors.splitlines() if not line.startswith("ToUtf8:iconv:")]
+    assert (outcome.status, complaints) == (0, [])
     peer.go("enough")

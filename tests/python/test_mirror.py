@@ -126,7 +126,7 @@ def test_of_two_records_of_one_name_the_later_counts(play: Play, project: str) -
 
 
 def test_a_driver_with_an_id_beyond_the_directory_is_no_driver(play: Play, project: str) -> None:
-    core = with_directory(play, project, wire.directory([("A", 3, 5), ("B", 0, 5), ("C", 2, 5), ("D", 65535, 5)]))
+    core = with_directory(play, project, wire.directory([("A", 4, 5), ("B", 0, 5), ("C", 3, 5), ("D", 65535, 5)]))
     assert [has(core, name) for name in "ABCD"] == [False, True, True, False]
 
 

@@ -6,7 +6,6 @@ import inspect
 import sys
 from typing import Any
 
-import dialogue as d
 import pytest
 from client import FAILED
 from conftest import Serve, passes_alone
@@ -32,7 +31,7 @@ METHODS: dict[type, dict[str, str]] = {
 def test_the_module_has_its_two_types_and_nothing_else() -> None:
     assert RkDBAccess.__doc__ == "rkdb access."
     assert {name for name in vars(RkDBAccess) if not name.startswith("__")} == {"DBCore", "Driver"}
-    assert RkDBAccess.__name__ == "RkDBAccess"
+    assert RkDBAccess.__name__ == "rkdb"
     assert sys.modules["RkDBAccess"] is RkDBAccess
 
 
@@ -98,7 +97,7 @@ CALLS: dict[str, list[tuple[Any, ...]]] = {
 
 @pytest.mark.parametrize(("name", "arguments"), [(name, call) for name, calls in CALLS.items() for call in calls])
 def test_arguments_that_do_not_fit_raise_type_error(serve: Serve, name: str, arguments: tuple[Any, ...]) -> None:
-    session = serve(d.quiet("req", 0.05))
+    session = serve()
     target = session.core if name in METHODS[DBCore] else session.boiler
     with pytest.raises(TypeError):
         getattr(target, name)(*arguments)
@@ -113,7 +112,7 @@ def test_arguments_have_no_names(name: str) -> None:
 
 @pytest.mark.parametrize("text", ["a\0b", "\0", "A\0"])
 def test_a_text_with_a_zero_is_refused(serve: Serve, text: str) -> None:
-    session = serve(d.quiet("req", 0.05))
+    session = serve()
     with pytest.raises(ValueError, match="embedded null"):
         session.boiler.GetTagValue(text)
     with pytest.raises(ValueError, match="embedded null"):
@@ -123,7 +122,7 @@ def test_a_text_with_a_zero_is_refused(serve: Serve, text: str) -> None:
 
 
 def test_a_text_without_a_utf_8_form_is_refused(serve: Serve) -> None:
-    session = serve(d.quiet("req", 0.05))
+    session = serve()
     with pytest.raises(UnicodeEncodeError):
         session.boiler.GetTagValue("\ud800")
     with pytest.raises(UnicodeEncodeError):
@@ -132,7 +131,7 @@ def test_a_text_without_a_utf_8_form_is_refused(serve: Serve) -> None:
 
 @pytest.mark.parametrize("thing", [42, None, "print", [print], object()])
 def test_a_callback_must_be_callable(serve: Serve, thing: Any) -> None:
-    session = serve(d.quiet("req", 0.05))
+    session = serve()
     with pytest.raises(TypeError, match=r"^parameter must be callable$"):
         session.core.SetRtAlarmNotify(thing, 1)
     with pytest.raises(TypeError, match=r"^parameter must be callable$"):
@@ -140,7 +139,7 @@ def test_a_callback_must_be_callable(serve: Serve, thing: Any) -> None:
 
 
 def test_a_tag_callback_is_registered_without_traffic(serve: Serve) -> None:
-    session = serve(d.quiet("req", 0.05))
+    session = serve()
 
     def first(*_: object) -> None: ...
     def second(*_: object) -> None: ...
@@ -152,7 +151,7 @@ def test_a_tag_callback_is_registered_without_traffic(serve: Serve) -> None:
 
 @pytest.mark.parametrize("name", ["", "boiler", "Boiler ", "Boiler\n", "泵", "x" * 10_000, "😀"])
 def test_an_unknown_driver_is_an_error_of_the_interpreter(serve: Serve, name: str) -> None:
-    session = serve(d.quiet("req", 0.05))
+    session = serve()
     with pytest.raises(SystemError, match="without setting an exception"):
         session.core.GetDriver(name)
 

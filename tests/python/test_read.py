@@ -20,9 +20,10 @@ def three_tags(serve: Serve, *blocks: bytes, then: d.Steps | None = None) -> Ses
     return serve(d.looking_up([FIRST, SECOND, THIRD], [5, 3, 4]), d.reading([5, 3, 4], *blocks), then or [])
 
 
-def one_tag(serve: Serve, *blocks: bytes, then: d.Steps | None = None) -> object:
+def one_tag(serve: Serve, *blocks: bytes) -> object:
     """What a read of one tag answered with these blocks gives."""
-    return read(serve(d.looking_up([FIRST], [5]), d.reading([5], *blocks), then or []).boiler, FIRST)
+    session = serve(d.looking_up([FIRST], [5]), d.reading([5], *blocks))
+    return read(session.boiler, FIRST)
 
 
 THREE = f"{FIRST},{SECOND},{THIRD}"
@@ -111,8 +112,14 @@ def test_a_value_without_a_python_form_leaves_its_item_unset(serve: Serve, kind:
 
 def test_a_text_that_is_not_utf_8_is_an_error_and_no_crash(serve: Serve) -> None:
     text = wire.typed(wire.VT_STR, b"ok \xb3\xf6")
-    with pytest.raises(UnicodeDecodeError):
-        one_tag(serve, wire.read_block(text))
+    session = serve(
+        d.looking_up([FIRST, SECOND, THIRD], [5, 3, 4]) + d.reading([5, 3, 4], wire.read_block([text, *NUMBERS[1:]])),
+        d.reading([5], wire.read_block(text)) + d.reading_numbers([5, 3, 4], [50, 30, 40]),
+    )
+    for names in (THREE, FIRST):
+        with pytest.raises(UnicodeDecodeError):
+            read(session.boiler, names)
+    assert read(session.boiler, THREE) == [50, 30, 40]
 
 
 def test_a_type_that_changes_is_followed(serve: Serve) -> None:
@@ -149,28 +156,18 @@ def names_and_positions(count: int) -> tuple[list[str], list[int]]:
     return [f"T{number}" for number in range(count)], [count - 1 - number for number in range(count)]
 
 
-def blocks_of_numbers(numbers: list[int]) -> list[bytes]:
-    """As few blocks as hold these numbers."""
-    room = wire.BLOCK_LIMIT // 6
-    groups = [numbers[start : start + room] for start in range(0, len(numbers), room)]
-    return [
-        wire.read_block((wire.typed(wire.VT_I4, number) for number in group), more=group is not groups[-1])
-        for group in groups
-    ]
-
-
 @pytest.mark.parametrize("count", [2, 1022, 1023])
 def test_up_to_1023_tags_are_read_at_once(serve: Serve, count: int) -> None:
     names, positions = names_and_positions(count)
     numbers = [7 * position for position in positions]
-    session = serve(d.looking_up_all(names, positions), d.reading(positions, *blocks_of_numbers(numbers)))
+    session = serve(d.looking_up_all(names, positions), d.reading_numbers(positions, numbers))
     assert read(session.boiler, ",".join(names)) == numbers
 
 
 def test_tags_beyond_1023_keep_the_value_they_had(serve: Serve) -> None:
     names, positions = names_and_positions(1030)
     numbers = list(range(1023))
-    asked = d.reading(positions[:1023], *blocks_of_numbers(numbers))
+    asked = d.reading_numbers(positions[:1023], numbers)
     session = serve(
         d.looking_up_all(names, positions),
         asked,
@@ -187,7 +184,7 @@ def test_1023_tags_are_counted_without_unknown_ones(serve: Serve) -> None:
     positions[0] = positions[500] = 0xFFFF
     known = [position for position in positions if position != 0xFFFF]
     numbers = list(range(1023))
-    session = serve(d.looking_up_all(names, positions), d.reading(known, *blocks_of_numbers(numbers)))
+    session = serve(d.looking_up_all(names, positions), d.reading_numbers(known, numbers))
     assert read(session.boiler, ",".join(names)) == [UNSET, *numbers[:499], UNSET, *numbers[499:]]
 
 
@@ -265,10 +262,6 @@ CUT_SHORT = {
     "a text without an end": b"\x08\x00text",
     "a text without anything": b"\x08\x00",
     "a long text without an end": b"\x08\x00" + b"x" * 4094,
-    "an array without a count": b"\x00\x20",
-    "an array without elements": b"\x00\x20\x05\x00",
-    "an array with half an element": b"\x00\x20\x02\x00" + b"\x03\x00\x07\x00\x00\x00" + b"\x03\x00\x07",
-    "an array of texts without an end": b"\x00\x20\x01\x00\x08\x00text",
 }
 
 

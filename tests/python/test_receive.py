@@ -57,10 +57,11 @@ PUSHED: dict[str, Steps] = {
 
 @pytest.mark.parametrize("pushed", PUSHED.values(), ids=PUSHED)
 def test_requests_go_on_beside_whatever_is_pushed(serve: Serve, pushed: Steps) -> None:
-    session = serve(A_IS_7, pushed, d.pause(0.05) + d.tell("pushed"), AGAIN, d.quiet("rcv", 0.05))
+    session = serve(A_IS_7, pushed, d.pause(0.05) + d.tell("pushed"), AGAIN, d.quiet("rcv", 0.05) + d.tell("alive"))
     assert read(session.boiler, "A") == 7
     session.peer.until("pushed")
     assert read(session.boiler, "A") == 8
+    session.peer.until("alive")
 
 
 def test_notifications_may_come_before_any_driver_is_asked_for(serve: Serve) -> None:
@@ -80,8 +81,10 @@ def test_a_value_is_not_changed_by_what_is_pushed_for_other_tags(serve: Serve) -
 @pytest.mark.parametrize("end", [d.end_sending("rcv"), d.close("rcv"), d.reset("rcv")], ids=["shut", "closed", "reset"])
 def test_a_lost_receive_connection_ends_the_request_connection_too(serve: Serve, end: Steps) -> None:
     threads = live_threads()
-    session = serve(A_IS_7, end + d.want_eof("req") + (d.want_eof("rcv") if end[0][0] == "end_sending" else []))
+    ended = d.want_eof("req") + (d.want_eof("rcv") if end[0][0] == "end_sending" else [])
+    session = serve(A_IS_7, d.wait("read"), end, ended)
     assert read(session.boiler, "A") == 7
+    session.peer.go("read")
     session.peer.finish()  # the client has ended its side of both, by itself
     assert settles(lambda: live_threads() <= threads)
     started = time.monotonic()
@@ -106,8 +109,10 @@ def test_a_receive_connection_lost_during_a_request_fails_it_and_crashes_nothing
 
 def test_a_lost_connection_can_be_made_anew(serve: Serve, project: str) -> None:
     again = d.up_to_directory(project, wire.directory(d.DRIVERS))  # the copy in the mirror is current by then
-    session = serve(A_IS_7, d.reset("rcv") + d.want_eof("req") + d.tell("lost"), again, A_IS_7)
+    lost = d.wait("read") + d.reset("rcv") + d.want_eof("req") + d.tell("lost")
+    session = serve(A_IS_7, lost, again, A_IS_7)
     assert read(session.boiler, "A") == 7
+    session.peer.go("read")
     session.peer.until("lost")
     assert session.core.Connect(session.peer.host, d.USER, d.PASSWORD) == CONNECTED
     assert read(session.boiler, "A") is None

@@ -145,7 +145,6 @@ SCENARIOS = {
         A_ASKED + d.send("req", wire.lookup_reply([5])[:3]) + late(wire.lookup_reply([5])[3:] + A_IS_666),
         READS_A + THEN_OTHERS,
     ),
-    "lookup, refused in one byte": Scenario(A_ASKED + d.send("req", b"0") + late(A_IS_666), READS_A + THEN_OTHERS),
     "lookup, interrupted": Scenario(
         A_ASKED + late(wire.lookup_reply([5]) + A_IS_666),
         READS + INTERRUPTED + 'timed(read, boiler, "A")\n' + THEN_OTHERS,

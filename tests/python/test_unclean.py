@@ -95,6 +95,12 @@ def test_a_block_with_another_first_byte_fails_and_is_gone(serve: Serve, reply: 
     assert read(session.boiler, "A") == 7
 
 
+def test_a_refusal_of_one_byte_fails_the_lookup_and_is_gone(serve: Serve) -> None:
+    session = serve(asked("A", "B") + d.send("req", b"0"), B_IS_8)
+    assert read(session.boiler, "A,B") is None
+    assert read(session.boiler, "B") == 8
+
+
 def test_a_refusal_of_one_byte_fails_the_read_and_is_gone(serve: Serve) -> None:
     session = serve(d.looking_up(["A"], [5]) + d.reading([5], b"0"), B_IS_8)
     assert read(session.boiler, "A") is None
@@ -168,12 +174,12 @@ def test_surplus_behind_a_header_without_a_body_is_no_lookup_reply(play: Play, p
     assert read(core.GetDriver("Boiler"), "A") == 7
 
 
-# A request connection that the server has ended.
+# A request connection that the server has ended. Its client may go on sending, which harms nobody.
 
 
 @pytest.mark.parametrize("end", [d.end_sending("req"), d.reset("req")], ids=["closed", "reset"])
 def test_after_the_server_ended_the_request_connection_every_request_fails_at_once(serve: Serve, end: d.Steps) -> None:
-    gone = end + d.tell("ended") + (d.want_eof("req") if end[0][0] == "end_sending" else [])
+    gone = end + d.tell("ended") + (d.drain("req") if end[0][0] == "end_sending" else [])
     session = serve(A_IS_7, gone)
     assert read(session.boiler, "A") == 7
     session.peer.until("ended")
@@ -186,7 +192,7 @@ def test_after_the_server_ended_the_request_connection_every_request_fails_at_on
 @pytest.mark.parametrize("reply", [b"", b"L", wire.lookup_reply([5])[:-1]])
 @pytest.mark.parametrize("end", [d.end_sending("req"), d.reset("req")], ids=["closed", "reset"])
 def test_a_lookup_reply_that_ends_early_fails_at_once(serve: Serve, reply: bytes, end: d.Steps) -> None:
-    ended = end + (d.want_eof("req") if end[0][0] == "end_sending" else [])
+    ended = end + (d.drain("req") if end[0][0] == "end_sending" else [])
     session = serve(asked("A") + (d.send("req", reply) if reply else []) + ended)
     started = time.monotonic()
     assert [read(session.boiler, name) for name in ("A", "B", "A")] == [None] * 3
@@ -196,7 +202,7 @@ def test_a_lookup_reply_that_ends_early_fails_at_once(serve: Serve, reply: bytes
 @pytest.mark.parametrize("cut", [1, 4, 5, 9])
 def test_a_block_that_ends_early_fails_at_once(serve: Serve, cut: int) -> None:
     block = wire.read_block([wire.typed(wire.VT_I4, 666)])[:cut]
-    session = serve(d.looking_up(["A"], [5]) + d.reading([5], block) + d.end_sending("req") + d.want_eof("req"))
+    session = serve(d.looking_up(["A"], [5]) + d.reading([5], block) + d.end_sending("req") + d.drain("req"))
     started = time.monotonic()
     assert [read(session.boiler, name) for name in ("A", "B", "A")] == [None] * 3
     assert time.monotonic() - started < 4
