@@ -18,6 +18,7 @@ from dataclasses import dataclass, field
 from types import TracebackType
 from typing import Any
 
+from plant import MEANINGS
 from rich.console import Console
 from rich.live import Live
 from rich.table import Table
@@ -25,11 +26,6 @@ from rich.table import Table
 import RkDBAccess
 
 USER, PASSWORD = "operator", "demo"
-MEANINGS = {
-    -1: "the server refused the user name or the password",
-    -2: "the server was not reached, or the connection broke",
-    -3: "what answered does not speak this protocol",
-}
 
 
 @dataclass
