@@ -2,6 +2,7 @@
 #include "PyGlue.h"
 
 #include <atomic>
+#include <unistd.h>
 
 namespace {
 
@@ -20,7 +21,19 @@ CPyRef Referent(PyObject* pWeak) noexcept
 #endif
 }
 
+/// Says it to sys.unraisablehook, which may be a script's own.
+void WriteUnraisable(PyObject* pFn)
+{
+    WhilePythonLives([pFn] { PyErr_WriteUnraisable(pFn); });
+}
+
 } // namespace
+
+void StayForGood() noexcept
+{
+    for (;;)
+        ::pause();
+}
 
 CPyCallback::CPyCallback(PyObject* pFn)
 {
@@ -43,10 +56,12 @@ CPyRef CPyCallback::Target() noexcept
         return CPyRef(PyMethod_New(m_pFn.get(), self.get()));
     if (!m_bWarned) {
         m_bWarned = true;
-        PyErr_WarnFormat(
-            PyExc_RuntimeWarning, 1,
-            "RkDBAccess: the instance of the registered method %R is gone; its calls are skipped",
-            m_pFn.get());
+        WhilePythonLives([this] {
+            PyErr_WarnFormat(
+                PyExc_RuntimeWarning, 1,
+                "RkDBAccess: the instance of the registered method %R is gone; its calls are skipped",
+                m_pFn.get());
+        });
     }
     return nullptr;
 }
@@ -54,16 +69,16 @@ CPyRef CPyCallback::Target() noexcept
 void CPyCallback::Call(const CPyRef& args) noexcept
 {
     const CPyRef target = args ? Target() : nullptr;
-    const CPyRef result(target ? PyObject_CallObject(target.get(), args.get()) : nullptr);
-    if (!PyErr_Occurred())
-        return;
-    PyErr_WriteUnraisable(target ? target.get() : m_pFn.get());
+    const CPyRef result(
+        target ? WhilePythonLives([&] { return PyObject_CallObject(target.get(), args.get()); }) : nullptr);
+    if (PyErr_Occurred())
+        WriteUnraisable(target ? target.get() : m_pFn.get());
 }
 
 void CPyCallback::ReportError() noexcept
 {
     if (PyErr_Occurred())
-        PyErr_WriteUnraisable(m_pFn.get());
+        WriteUnraisable(m_pFn.get());
 }
 
 CPyThread::~CPyThread()
@@ -79,12 +94,14 @@ bool CPyThread::Take()
         return true;
     if (IsForbidden())
         return false;
-    if (m_pState) {
-        PyEval_RestoreThread(m_pState);
-    } else {
-        m_eGil = PyGILState_Ensure();
-        m_pState = PyThreadState_Get();
-    }
+    WhilePythonLives([this] {
+        if (m_pState) {
+            PyEval_RestoreThread(m_pState);
+        } else {
+            m_eGil = PyGILState_Ensure();
+            m_pState = PyThreadState_Get();
+        }
+    });
     m_bHeld = true;
     return true;
 }

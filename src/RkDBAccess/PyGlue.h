@@ -9,11 +9,30 @@
 
 #include "RecvLink.h"
 
+#include <cxxabi.h>
 #include <memory>
+
+/// Holds the calling thread for the rest of the process.
+[[noreturn]] void StayForGood() noexcept;
+
+/// Runs what may wait for the interpreter lock. An interpreter that ends lets no other thread have it again
+/// and unwinds those that ask: through frames whose references may then only be left alone. Such a thread
+/// stays here instead, until the process is gone.
+template <class F> decltype(auto) WhilePythonLives(F&& fn)
+{
+    try {
+        return fn();
+    } catch (const abi::__forced_unwind&) {
+        StayForGood();
+    }
+}
 
 struct SPyDrop
 {
-    void operator()(PyObject* p) const noexcept { Py_DECREF(p); }
+    void operator()(PyObject* p) const noexcept
+    {
+        WhilePythonLives([p] { Py_DECREF(p); }); // may run a finaliser of the script
+    }
 };
 /// Owns one reference; made and destroyed under the interpreter lock.
 using CPyRef = std::unique_ptr<PyObject, SPyDrop>;
@@ -64,7 +83,7 @@ public:
         if (!m_link.EnterPython() || !Take())
             return false;
         if (!m_link.IsLetGo())
-            fn();
+            WhilePythonLives(fn);
         return m_link.LeavePython();
     }
     /// The end of a receive: gives the interpreter lock back if it was taken.
