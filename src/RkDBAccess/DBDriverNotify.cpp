@@ -20,20 +20,16 @@ int CDBDriver::OnDBNotify(ULONG tagId, std::span<const BYTE> data, CPyThread* pP
         const auto nDecoded = value.FromBytes(data, false);
         if (!nDecoded)
             return NOTIFY_CUT;
-        nUsed = static_cast<int>(*nDecoded);
-        pFn = nUsed > 0 ? m_tagNotifyFn : nullptr;
-        if (pFn) {
-            tag.value = value;
-            strTagUtf8 = tag.strTagUtf8;
-        } else {
-            tag.value = std::move(value);
-        }
+        nUsed = *nDecoded > 0 ? static_cast<int>(*nDecoded) : NOTIFY_NO_VALUE;
         tag.bPushed = true;
+        pFn = *nDecoded > 0 && pPython ? m_tagNotifyFn : nullptr;
+        if (!pFn) {
+            std::swap(tag.value, value);
+            return nUsed;
+        }
+        tag.value = value;
+        strTagUtf8 = tag.strTagUtf8;
     }
-    if (nUsed == 0)
-        return NOTIFY_NO_VALUE;
-    if (!pFn || !pPython)
-        return nUsed;
     const bool bStay = pPython->Call([&] { CallNotify(strTagUtf8, value, *pFn); });
     return bStay ? nUsed : NOTIFY_LEAVE;
 }
