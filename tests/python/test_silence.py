@@ -23,6 +23,8 @@ from conftest import remove_mirrors
 from dialogue import Steps
 from peer import Peer
 
+pytestmark = pytest.mark.xdist_group("silence")  # one process starts them all
+
 T, T_RELAY = 8.0, 13.0
 PROJECT = f"t{uuid.uuid4().hex[:10]}"
 BODY = wire.directory(d.DRIVERS)
