@@ -9,12 +9,14 @@ from __future__ import annotations
 
 import argparse
 import re
+import shutil
 import signal
 import subprocess
 import sys
 import time
 from contextlib import ExitStack
 from dataclasses import dataclass, field
+from pathlib import Path
 from types import TracebackType
 from typing import Any
 
@@ -26,6 +28,7 @@ from rich.table import Table
 import RkDBAccess
 
 USER, PASSWORD = "operator", "demo"
+MIRRORS = Path("/tmp/rkbrowser")
 
 
 @dataclass
@@ -80,7 +83,7 @@ def connect(address: str) -> RkDBAccess.DBCore:
 
 
 def read_list(driver: RkDBAccess.Driver, tags: list[str]) -> list[Any]:
-    """One request for all tags. All names are new at the first call and all known later, so the order is theirs."""
+    """One request for all tags. Names that were used before come first, and the one that was is the list's first."""
     values = driver.GetTagValue(",".join(tags))
     if not isinstance(values, list):
         raise DemoError("the tags could not be read: the connection is gone")
@@ -134,6 +137,8 @@ def demo(console: Console, arguments: argparse.Namespace) -> None:
         console.print(f"Connected as {USER}.")
         show_reading(console, db, plants, arguments.rounds, arguments.seconds)
         del db  # ends the connection before the simulator ends
+        # The client's copies of the project's files; a server would be met again, this simulator will not.
+        shutil.rmtree(MIRRORS / address.replace(":", "_"), ignore_errors=True)
     console.print("\nConnection and simulator ended.")
 
 
