@@ -1,5 +1,6 @@
 """The main job in one run, without a server: starts the simulator with its built-in project, connects, reads one tag
-and a list of tags again and again, prints what came as a table, and ends everything it started.
+and a list of tags again and again, prints what came as a table, follows changes as the server sends them, writes a
+set-point and sees its echo, shows two alarms, and ends everything it started.
 
     script/demo                                   builds what is needed and runs this
     python examples/demo.py --simulator rkdbsim   with an installed module and simulator
@@ -8,6 +9,7 @@ and a list of tags again and again, prints what came as a table, and ends everyt
 from __future__ import annotations
 
 import argparse
+import queue
 import re
 import shutil
 import signal
@@ -16,9 +18,10 @@ import sys
 import time
 from contextlib import ExitStack
 from dataclasses import dataclass, field
+from datetime import datetime
 from pathlib import Path
 from types import TracebackType
-from typing import Any
+from typing import TYPE_CHECKING, Any
 
 from plant import MEANINGS
 from rich.console import Console
@@ -29,6 +32,9 @@ import RkDBAccess
 
 USER, PASSWORD = "operator", "demo"
 MIRRORS = Path("/tmp/rkbrowser")
+PATIENCE = 15  # seconds; the project's slowest alarm is due sooner
+if TYPE_CHECKING:
+    Changes = queue.SimpleQueue[tuple[str, str, Any]]
 
 
 @dataclass
@@ -124,6 +130,55 @@ def show_reading(console: Console, db: RkDBAccess.DBCore, plants: list[Plant], r
             live.update(table(plants), refresh=True)
 
 
+def next_of(arrivals: queue.SimpleQueue[Any], what: str) -> Any:
+    """What a callback has put there. Callbacks run in the connection's own thread, so a queue is between."""
+    try:
+        return arrivals.get(timeout=PATIENCE)
+    except queue.Empty:
+        raise DemoError(f"no {what} came within {PATIENCE} seconds") from None
+
+
+def show_changes(console: Console, driver: RkDBAccess.Driver, tags: list[str], count: int) -> Changes:
+    """Subscribes the tags and prints the first changes that the server sends; the rest goes on into the queue."""
+    changes: Changes = queue.SimpleQueue()
+    driver.SetTagNotify(lambda name, tag, value: changes.put((name, tag, value)))
+    if driver.ConnectTag(",".join(tags)) != 1:
+        raise DemoError("the tags could not be subscribed")
+    console.print(f"\nChanges of {', '.join(tags)}, as the server sends them:")
+    for _ in range(count):
+        show_change(console, *next_of(changes, "change"))
+    return changes
+
+
+def show_change(console: Console, driver: str, tag: str, value: object) -> None:
+    console.print(f"  {datetime.now():%H:%M:%S.%f}  {driver} / {tag} = {shown(value)}")
+
+
+def show_writing(console: Console, driver: RkDBAccess.Driver, changes: Changes, value: float) -> None:
+    """Writes the set-point. The server confirms no write: what the plant made of it comes back as a change."""
+    result = driver.SetTagValue("SetPoint", value)
+    if result != 0:
+        raise DemoError(f"SetTagValue gave {result}")
+    console.print(f"\nWrote SetPoint = {value}; its echo:")
+    while True:
+        change = next_of(changes, "echo")
+        if change[1:] == ("SetPoint.Feedback", value):
+            show_change(console, *change)
+            return
+
+
+def show_alarms(console: Console, alarms: queue.SimpleQueue[Any], count: int) -> None:
+    """Prints alarms with their local times; those that came while the demo did other things are waiting already."""
+    console.print("\nAlarms:")
+    for _ in range(count):
+        alarm_time, event_time, tag, has_event, kind, group, level, value, limit, status = next_of(alarms, "alarm")
+        ended = f", over at {event_time:%H:%M:%S}" if has_event else ""
+        console.print(
+            f"  {alarm_time:%Y-%m-%d %H:%M:%S}  {group} / {tag}: {kind}, value {shown(value)}, limit {shown(limit)}, "
+            f"level {level}, status {status}{ended}"
+        )
+
+
 def demo(console: Console, arguments: argparse.Namespace) -> None:
     # Every tag of the project whose type Python has a form for; a date, say, would leave a hole in the list.
     plants = [
@@ -135,7 +190,13 @@ def demo(console: Console, arguments: argparse.Namespace) -> None:
         console.print(f"The simulator listens on {address}.")
         db = connect(address)
         console.print(f"Connected as {USER}.")
+        alarms: queue.SimpleQueue[Any] = queue.SimpleQueue()
+        db.SetRtAlarmNotify(lambda *alarm: alarms.put(alarm), 1)
         show_reading(console, db, plants, arguments.rounds, arguments.seconds)
+        boiler = db.GetDriver("Boiler")
+        changes = show_changes(console, boiler, ["Level", "炉膛温度", "状态", "SetPoint.Feedback"], 6)
+        show_writing(console, boiler, changes, 62.5)
+        show_alarms(console, alarms, 2)
         del db  # ends the connection before the simulator ends
         # The client's copies of the project's files; a server would be met again, this simulator will not.
         shutil.rmtree(MIRRORS / address.replace(":", "_"), ignore_errors=True)
