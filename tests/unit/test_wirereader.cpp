@@ -153,7 +153,8 @@ TEST(WireWriter, LengthsNearTheLargestNumberAreJustTooLong)
     Bytes room(3, 0xEE);
     CWireWriter writer(room);
     writer.Put(BYTE{1});
-    volatile size_t nTooLong = std::numeric_limits<size_t>::max(); // a peer's number, not one a compiler foresees
+    volatile size_t nTooLong =
+        std::numeric_limits<size_t>::max(); // a peer's number, not one a compiler foresees
     writer.PutBytes("x", nTooLong);
     EXPECT_TRUE(writer.IsBad());
     EXPECT_EQ(writer.Length(), 1U);
