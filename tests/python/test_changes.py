@@ -412,7 +412,7 @@ STREAM = [
     (change(0, I4, -1), (0, -1)),
 ]
 STREAM_BYTES = b"".join(note for note, _ in STREAM)
-STREAM_CHANGES = [("Boiler", f"T{pair[0]}", pair[1]) for _, pair in STREAM if pair]
+STREAM_CHANGES: Changes = [("Boiler", f"T{pair[0]}", pair[1]) for _, pair in STREAM if pair]
 
 
 def test_a_stream_split_at_any_byte_arrives_whole(serve: Serve) -> None:
