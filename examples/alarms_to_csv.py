@@ -5,9 +5,7 @@ python examples/alarms_to_csv.py --host 192.0.2.10 alarms.csv
 
 from __future__ import annotations
 
-import contextlib
 import csv
-import time
 from pathlib import Path
 
 import plant
@@ -39,10 +37,7 @@ def main() -> None:
     arguments = parser.parse_args()
     db = plant.connect(arguments)
     db.SetRtAlarmNotify(AlarmFile(arguments.file), 1)
-    end = time.monotonic() + arguments.seconds
-    with contextlib.suppress(KeyboardInterrupt):
-        while time.monotonic() < end:
-            time.sleep(min(1.0, max(0.0, end - time.monotonic())))
+    plant.wait(arguments.seconds)
 
 
 if __name__ == "__main__":

@@ -6,6 +6,8 @@ python examples/read_once.py --host 192.0.2.10:80 --user operator --password sec
 from __future__ import annotations
 
 import argparse
+import contextlib
+import time
 
 import RkDBAccess
 
@@ -40,3 +42,11 @@ def driver(db: RkDBAccess.DBCore, name: str) -> RkDBAccess.Driver:
         return db.GetDriver(name)
     except SystemError:
         raise SystemExit(f"the project has no driver {name}") from None
+
+
+def wait(seconds: float) -> None:
+    """Lets the connection's thread do its work, until the time is up or Ctrl-C ends it."""
+    end = time.monotonic() + seconds
+    with contextlib.suppress(KeyboardInterrupt):
+        while (left := end - time.monotonic()) > 0:
+            time.sleep(min(1.0, left))

@@ -5,8 +5,6 @@ python examples/watch_changes.py --host 192.0.2.10 Boiler Level Pressure
 
 from __future__ import annotations
 
-import contextlib
-import time
 from datetime import datetime
 
 import plant
@@ -28,10 +26,7 @@ def main() -> None:
     driver.SetTagNotify(show)
     if driver.ConnectTag(",".join(arguments.tags)) != 1:
         raise SystemExit("the tags could not be subscribed")
-    end = time.monotonic() + arguments.seconds
-    with contextlib.suppress(KeyboardInterrupt):
-        while time.monotonic() < end:
-            time.sleep(min(1.0, max(0.0, end - time.monotonic())))
+    plant.wait(arguments.seconds)
 
 
 if __name__ == "__main__":

@@ -361,22 +361,23 @@ int CSyncSocket::_RecvFrom(void* pBuf, int nLen, sockaddr_in& addr, int nFlags)
                                        reinterpret_cast<sockaddr*>(&addr), &nAddrLen));
 }
 
-bool CSyncSocket::SetRecvTimeOut(long nMs)
+bool CSyncSocket::SetTimeOption(int nName, long nMs, std::atomic<long>& nKept)
 {
     const timeval tv = ToTimeval(nMs);
-    if (::setsockopt(GetHandle(), SOL_SOCKET, SO_RCVTIMEO, &tv, sizeof tv) != 0)
+    if (::setsockopt(GetHandle(), SOL_SOCKET, nName, &tv, sizeof tv) != 0)
         return false;
-    m_nRecvTimeOut = nMs;
+    nKept = nMs;
     return true;
+}
+
+bool CSyncSocket::SetRecvTimeOut(long nMs)
+{
+    return SetTimeOption(SO_RCVTIMEO, nMs, m_nRecvTimeOut);
 }
 
 bool CSyncSocket::SetSendTimeOut(long nMs)
 {
-    const timeval tv = ToTimeval(nMs);
-    if (::setsockopt(GetHandle(), SOL_SOCKET, SO_SNDTIMEO, &tv, sizeof tv) != 0)
-        return false;
-    m_nSendTimeOut = nMs;
-    return true;
+    return SetTimeOption(SO_SNDTIMEO, nMs, m_nSendTimeOut);
 }
 
 bool CSyncSocket::SetTimeOut(long nMs)

@@ -96,6 +96,7 @@ protected:
 
 private:
     void SetHandle(SOCKET hSocket);
+    bool SetTimeOption(int nName, long nMs, std::atomic<long>& nKept);
     int NoteTimeOut(int nResult, int nFlags) noexcept;
 
     mutable CThreadLock m_lock;

@@ -108,6 +108,7 @@ private:
     void Resolve(const CString& strTag, WORD nPos);
     bool FlushNames(CDBCore* pCore, std::list<CString>& pending, std::vector<char>& request,
                     TagSlots& reqTags);
+    static TagSlots NotSubscribed(const TagSlots& reqTags, size_t nMax);
     XVariant CopyValue(const STag& tag);
     /// How the blocks of a read ended: Surplus has every value, but more blocks were announced.
     enum class EBlocks

@@ -130,6 +130,17 @@ PyObject* CDBDriver::ValueToObj(const XVariant* pValue)
     }
 }
 
+/// The slots whose values only the server knows, in order, and no more than fit a request.
+CDBDriver::TagSlots CDBDriver::NotSubscribed(const TagSlots& reqTags, size_t nMax)
+{
+    TagSlots wanted;
+    for (STag* pTag : reqTags) {
+        if (pTag && !pTag->bSubscribe && wanted.size() < nMax)
+            wanted.push_back(pTag);
+    }
+    return wanted;
+}
+
 XVariant CDBDriver::CopyValue(const STag& tag)
 {
     const CThreadGuard guard(m_lock);
@@ -155,11 +166,7 @@ bool CDBDriver::_GetTagValue(const char* tags, TagSlots& reqTags)
 {
     if (!CheckTagId(tags, reqTags))
         return false;
-    TagSlots wanted;
-    for (STag* pTag : reqTags) {
-        if (pTag && !pTag->bSubscribe && wanted.size() < MAX_READ)
-            wanted.push_back(pTag);
-    }
+    const TagSlots wanted = NotSubscribed(reqTags, MAX_READ);
     if (wanted.empty())
         return true;
     CDBCore* pCore = m_pDBCore;
@@ -238,11 +245,7 @@ bool CDBDriver::_ConnectTag(const char* tags)
     TagSlots reqTags;
     if (!CheckTagId(tags, reqTags))
         return false;
-    TagSlots wanted;
-    for (STag* pTag : reqTags) {
-        if (pTag && !pTag->bSubscribe && wanted.size() < MAX_ADVISE)
-            wanted.push_back(pTag);
-    }
+    const TagSlots wanted = NotSubscribed(reqTags, MAX_ADVISE);
     if (wanted.empty())
         return true;
     CDBCore* pCore = m_pDBCore;
