@@ -25,7 +25,7 @@ pytestmark = pytest.mark.xdist_group("wheel")
 
 def run(*command: str | Path, cwd: Path) -> str:
     """Runs a command without the build folders on any path; gives its output. It must end with status 0."""
-    environment = {k: v for k, v in os.environ.items() if k not in ("PYTHONPATH", "MYPYPATH", "RKDBSIM")}
+    environment = {k: v for k, v in os.environ.items() if k not in ("PYTHONPATH", "MYPYPATH", "RKDBSIM", "RKDB_WHEEL")}
     done = subprocess.run(command, cwd=cwd, env=environment, capture_output=True, text=True, check=False)
     assert done.returncode == 0, f"{command}: status {done.returncode}\n{done.stdout}\n{done.stderr}"
     return done.stdout
@@ -33,7 +33,9 @@ def run(*command: str | Path, cwd: Path) -> str:
 
 @pytest.fixture(scope="module")
 def wheel(tmp_path_factory: pytest.TempPathFactory) -> Path:
-    """A wheel of the tree as it is."""
+    """A wheel of the tree as it is: the one that script/test has built, or a new one."""
+    if "RKDB_WHEEL" in os.environ:
+        return Path(os.environ["RKDB_WHEEL"])
     folder = tmp_path_factory.mktemp("wheel")
     pip = (sys.executable, "-m", "pip", "--disable-pip-version-check", "wheel", "--no-index", "--no-deps")
     run(*pip, "--no-build-isolation", "--wheel-dir", folder, CHECKOUT, cwd=folder)
