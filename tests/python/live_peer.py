@@ -7,9 +7,11 @@ stream, and a slice gives the bytes of those rounds. The test asks the same obje
 
 from __future__ import annotations
 
+import random
 import struct
 from collections.abc import Iterator
 from dataclasses import dataclass
+from functools import cached_property
 
 import wire
 
@@ -151,3 +153,31 @@ class Same(Rounds):
 
     def sent(self, number: int) -> bytes:  # noqa: ARG002 (every round is the same)
         return self.data
+
+
+@dataclass(frozen=True)
+class Cut(Rounds):
+    """Another stream in segments that know nothing of its notifications."""
+
+    stream: Rounds
+    seed: int
+    longest: int
+
+    @property
+    def rounds(self) -> int:  # type: ignore[override]
+        return len(self._ends)
+
+    @cached_property
+    def _bytes(self) -> bytes:
+        return self.stream[0 : len(self.stream)]
+
+    @cached_property
+    def _ends(self) -> list[int]:
+        rng = random.Random(self.seed)
+        ends = [0]
+        while ends[-1] < len(self._bytes):
+            ends.append(ends[-1] + rng.randint(1, self.longest))
+        return ends[1:]
+
+    def sent(self, number: int) -> bytes:
+        return self._bytes[self._ends[number - 1] if number else 0 : self._ends[number]]
