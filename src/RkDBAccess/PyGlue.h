@@ -7,6 +7,7 @@
 #define PY_SSIZE_T_CLEAN
 #include <Python.h>
 
+#include "ForkMark.h"
 #include "RecvLink.h"
 
 #include <cxxabi.h>
@@ -77,14 +78,17 @@ public:
     CPyThread& operator=(const CPyThread&) = delete;
 
     /// Runs fn under the interpreter lock. Meanwhile the core may go away: false says that it did, and the
-    /// thread must leave without touching it. fn is skipped when it went before the lock was had.
+    /// thread must leave without touching it. fn is skipped when it went before the lock was had. On leaving
+    /// the thread has the lock all the same: it may hold the last reference to a callable. False as well in a
+    /// process that fn has forked off, whose copy of the thread must not read from the parent's connection.
     template <class F> bool Call(F&& fn)
     {
-        if (!m_link.EnterPython() || !Take())
+        const bool bEntered = m_link.EnterPython();
+        if (!Take())
             return false;
-        if (!m_link.IsLetGo())
+        if (bEntered && !m_link.IsLetGo())
             WhilePythonLives(fn);
-        return m_link.LeavePython();
+        return !m_fork.IsForked() && m_link.LeavePython();
     }
     /// The end of a receive: gives the interpreter lock back if it was taken.
     void EndTurn() noexcept;
@@ -97,6 +101,7 @@ private:
     bool Take();
 
     CRecvLink& m_link;
+    const CForkMark m_fork;
     PyThreadState* m_pState = nullptr; // made at the first call
     PyGILState_STATE m_eGil{};
     bool m_bHeld = false;
