@@ -172,10 +172,16 @@ bool CDBCore::_Disconnect()
         CloseSockets();
     const bool bParted = LetReceiveThreadGo();
     ClearDrivers();
-    const CThreadGuard guard(m_lock);
-    if (bParted)
-        m_retired.clear();
-    return bParted;
+    if (!bParted)
+        return false;
+    std::vector<CDriverRef> retired;
+    {
+        const CThreadGuard guard(m_lock);
+        retired.swap(m_retired);
+    }
+    for (const CDriverRef& driver : retired)
+        driver->ForgetNotify();
+    return true;
 }
 
 void CDBCore::ClearDrivers()
@@ -294,8 +300,14 @@ int CDBCore::UnadviseTag(int64_t id)
 
 std::shared_ptr<CPyCallback> CDBCore::KeepCallback(PyObject* pFn)
 {
-    // Drivers of connections that ended take their registrations with them.
-    std::erase_if(m_callbacks, [](const auto& p) { return p.use_count() == 1; });
+    // Drivers of connections that ended take their registrations with them. A callable that goes may run code
+    // of the script, which may come back here.
+    std::vector<std::shared_ptr<CPyCallback>> gone;
+    for (auto& pCallback : m_callbacks) {
+        if (pCallback.use_count() == 1)
+            gone.push_back(std::move(pCallback));
+    }
+    std::erase(m_callbacks, nullptr);
     return m_callbacks.emplace_back(std::make_shared<CPyCallback>(pFn));
 }
 

@@ -88,6 +88,9 @@ public:
     EWrite SetTagValue(const char* tags, PyObject* tagValues);
     /// The first registration wins. False for a later one and without a connection.
     bool SetTagNotify(PyObject* pFn);
+    /// Ends the registration: a callable that refers to a Driver object of this driver would otherwise keep
+    /// itself alive.
+    void ForgetNotify();
     static PyObject* ValueToObj(const XVariant* pValue);
 
     /// Stores the change of one tag and tells the script. data holds what has come in behind the tag

@@ -371,3 +371,10 @@ bool CDBDriver::SetTagNotify(PyObject* pFn)
     m_tagNotifyFn = std::move(pKept);
     return true;
 }
+
+void CDBDriver::ForgetNotify()
+{
+    std::shared_ptr<CPyCallback> pFn; // outlives the lock
+    const CThreadGuard guard(m_lock);
+    pFn.swap(m_tagNotifyFn);
+}
