@@ -12,6 +12,7 @@ CChannel::CChannel(asio::ip::tcp::socket socket, const SServerDef& def)
 {
     asio::error_code ignored; // the peer may be gone already; the first read tells
     m_socket.set_option(asio::ip::tcp::no_delay(true), ignored);
+    m_socket.set_option(asio::socket_base::keep_alive(true), ignored);
 }
 
 void CChannel::Start(IUser& user)
@@ -49,6 +50,7 @@ void CChannel::Send(std::span<const BYTE> bytes, size_t nWhole)
     if (m_bClosed || bytes.empty())
         return;
     if (Queued() + bytes.size() > m_def.nSendLimit) {
+        m_bOverflowed = true;
         Close("the client does not read: " + std::to_string(Queued()) + " bytes wait for it");
         return;
     }
@@ -61,8 +63,17 @@ void CChannel::Send(std::span<const BYTE> bytes, size_t nWhole)
 
 void CChannel::MarkCuts(size_t nSize, size_t nWhole)
 {
-    for (size_t nCut = std::max(nWhole, m_def.nPieces); nCut < nSize; nCut += m_def.nPieces)
-        m_cuts.push_back(m_nAccepted + nCut);
+    // Notifications are one stream, which is cut without regard to where each begins; a reply is cut by
+    // itself.
+    if (nWhole > 0 && !IsDrained())
+        m_cuts.push_back(m_nAccepted);
+    if (nWhole > 0 || IsDrained())
+        m_nPieceStart = m_nAccepted;
+    uint64_t nCut = m_nPieceStart + std::max(std::min(nWhole, nSize), m_def.nPieces);
+    for (; nCut < m_nAccepted + nSize; nCut += m_def.nPieces) {
+        m_cuts.push_back(nCut);
+        m_nPieceStart = nCut;
+    }
 }
 
 void CChannel::Hold(std::chrono::milliseconds time)

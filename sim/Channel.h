@@ -46,6 +46,8 @@ public:
     void Hold(std::chrono::milliseconds time);
     bool IsDrained() const noexcept { return Queued() == 0; }
     bool IsClosed() const noexcept { return m_bClosed; }
+    /// It was ended because its peer does not read.
+    bool HasOverflowed() const noexcept { return m_bOverflowed; }
     void PauseReading() noexcept { m_bPaused = true; }
     void ResumeReading();
     void Close(std::string strWhy);
@@ -72,6 +74,7 @@ private:
     size_t m_nWritten = 0;       // of m_writing
     uint64_t m_nAccepted = 0;    // bytes ever queued
     uint64_t m_nSent = 0;        // bytes ever written
+    uint64_t m_nPieceStart = 0;  // of the piece that is being filled
     std::deque<uint64_t> m_cuts; // ends of pieces, counted as m_nSent
     std::chrono::steady_clock::time_point m_heldUntil;
     bool m_bHeld = false;
@@ -79,4 +82,5 @@ private:
     bool m_bPaused = false;
     bool m_bWriteUnderWay = false;
     bool m_bClosed = false;
+    bool m_bOverflowed = false;
 };

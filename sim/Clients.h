@@ -18,6 +18,7 @@ struct CClient
     std::string strName; // for the log
     bool bLoggedIn = false;
     DWORD nRights = 0;
+    std::weak_ptr<CChannel> pRequest;
     std::shared_ptr<CChannel> pReceive; // null until registered and after its end
     std::vector<STagRef> subscribed;
     bool bAlarms = false;

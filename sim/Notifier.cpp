@@ -1,6 +1,7 @@
 // See Notifier.h.
 #include "Notifier.h"
 
+#include "Log.h"
 #include "Replies.h"
 
 #include <algorithm>
@@ -38,11 +39,12 @@ void CNotifier::Forget(CClient& client)
     std::erase(m_clients, &client);
 }
 
-void CNotifier::Push(CClient& client, const Bytes& bytes, const std::string& strMeaning) const
+void CNotifier::Push(const CClient& client, const Bytes& bytes, const FnMeaning& fnMeaning) const
 {
     if (!client.pReceive)
         return;
-    m_trace.Sent(client.strName + " push", bytes, [&] { return strMeaning; });
+    if (m_trace.IsOn())
+        m_trace.Sent(client.strName + " push", bytes, fnMeaning);
     client.pReceive->Send(bytes, 0);
 }
 
@@ -52,30 +54,30 @@ void CNotifier::OnTagChanged(STagRef tag, const XVariant& value)
     if (subscribers.empty())
         return;
     const Bytes bytes = EncodeChange(tag, value);
-    const std::string strMeaning = m_trace.IsOn() ? DescribeChange(m_plant, tag) : std::string();
-    for (CClient* pClient : subscribers)
-        Push(*pClient, bytes, strMeaning);
+    const FnMeaning fnMeaning = [&] { return DescribeChange(m_plant, tag); };
+    for (const CClient* pClient : subscribers)
+        Push(*pClient, bytes, fnMeaning);
 }
 
 void CNotifier::OnAlarm(const SAlarmNews& news)
 {
     const Bytes bytes = EncodeAlarmNews(news);
-    const std::string strMeaning = m_trace.IsOn() ? DescribeAlarm(m_project, news) : std::string();
-    for (CClient* pClient : m_clients)
+    const FnMeaning fnMeaning = [&] { return DescribeAlarm(m_project, news); };
+    for (const CClient* pClient : m_clients)
         if (pClient->bAlarms)
-            Push(*pClient, bytes, strMeaning);
+            Push(*pClient, bytes, fnMeaning);
 }
 
 void CNotifier::SendSysNotify()
 {
-    for (CClient* pClient : m_clients) {
+    for (const CClient* pClient : m_clients) {
         for (const BYTE nSubType : m_project.server.sysNotify) {
             // A client cannot walk past the notification of a tag whose driver it has not asked for.
             if (SysNotifyNamesTag(nSubType) && pClient->subscribed.empty())
                 continue;
             const STagRef tag = pClient->subscribed.empty() ? STagRef{} : pClient->subscribed.front();
             Push(*pClient, EncodeSysNotify(nSubType, tag),
-                 "system notification, sub-type " + std::to_string(nSubType));
+                 [=] { return fmt::format("system notification of sub-type {}", nSubType); });
         }
     }
 }

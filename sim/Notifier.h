@@ -25,7 +25,9 @@ public:
     void OnAlarm(const SAlarmNews& news) override;
 
 private:
-    void Push(CClient& client, const Bytes& bytes, const std::string& strMeaning) const;
+    using FnMeaning = CTrace::FnMeaning;
+
+    void Push(const CClient& client, const Bytes& bytes, const FnMeaning& fnMeaning) const;
 
     const SProject& m_project;
     const CPlant& m_plant;

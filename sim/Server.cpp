@@ -67,7 +67,7 @@ CServer::CServer(const SProject& project, const SOptions& options)
       m_services{project, m_plant, m_files, m_clients, m_notifier, m_trace, [this] { return Now(); }},
       m_signals(m_io, SIGTERM, SIGINT),
       m_listener(m_io, EndpointOf(options.strHost, options.nPort),
-                 [this](tcp::socket socket) { OnAccepted(std::move(socket), false); })
+                 [this](tcp::socket socket) { OnAccepted(std::move(socket), IsRelayPort()); })
 {
     m_plant.SetListener(&m_notifier);
     m_relay.SetOwn(m_listener.Endpoint());
@@ -126,7 +126,7 @@ void CServer::Tick(asio::steady_timer& timer, std::chrono::milliseconds period,
                    const std::function<void()>& fnDo)
 {
     timer.async_wait([this, &timer, period, fnDo](const asio::error_code& error) {
-        if (error)
+        if (error || m_bStopping)
             return;
         fnDo();
         // Steps that a busy machine has missed are left out, not made up for.
@@ -160,6 +160,7 @@ void CServer::OnAccepted(tcp::socket socket, bool bRelay)
 void CServer::Stop(const char* szWhy)
 {
     spdlog::info("{}: ending, {} connections are open", szWhy, m_sessions.size());
+    m_bStopping = true;
     m_listener.Close();
     if (m_relayListener)
         m_relayListener->Close();

@@ -1,6 +1,7 @@
 // The simulator as a whole: listens, keeps the sessions, and drives the plant by timers. One thread.
 #pragma once
 
+#include "ClientSock.h"
 #include "Options.h"
 #include "Session.h"
 
@@ -43,6 +44,8 @@ public:
     void Run();
 
 private:
+    /// Clients take every server at this port for a relay centre and show it a server name.
+    bool IsRelayPort() const { return m_listener.Endpoint().port() == CClientSock::RELAY_PORT; }
     void OnAccepted(asio::ip::tcp::socket socket, bool bRelay);
     void StartTimer(std::chrono::milliseconds period, const std::function<void()>& fnDo);
     void Tick(asio::steady_timer& timer, std::chrono::milliseconds period, const std::function<void()>& fnDo);
@@ -66,4 +69,5 @@ private:
     std::vector<std::unique_ptr<asio::steady_timer>> m_timers;
     std::map<CSession*, std::unique_ptr<CSession>> m_sessions;
     size_t m_nAccepted = 0;
+    bool m_bStopping = false; // a timer that has run out already must not start again
 };

@@ -77,7 +77,10 @@ void CSession::OnDrained()
 
 void CSession::OnClosed(const std::string& strWhy)
 {
-    spdlog::info("{}: ended: {}", m_strName, strWhy);
+    const bool bDropped = m_pChannel->HasOverflowed();
+    spdlog::log(bDropped ? spdlog::level::warn : spdlog::level::info, "{}: ended: {}", m_strName, strWhy);
+    if (const auto pRequest = bDropped && m_pClient ? m_pClient->pRequest.lock() : nullptr)
+        pRequest->Close("its receive connection was ended");
     const FnEnded fnEnded = std::move(m_fnEnded); // it may destroy this session
     fnEnded(*this);
 }
@@ -170,6 +173,7 @@ void CSession::Open(const SOpenRequest& request)
     m_pClient = std::make_shared<CClient>();
     m_pClient->id = request.id;
     m_pClient->strName = m_strName;
+    m_pClient->pRequest = m_pChannel;
     m_eState = EState::Waiting;
     m_timer.expires_after(TURN_TIME);
     m_timer.async_wait([this, pClient = std::weak_ptr(m_pClient)](const asio::error_code& error) {

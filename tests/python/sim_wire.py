@@ -154,6 +154,16 @@ class Line:
         for at in range(0, len(data), size):
             self._socket.sendall(data[at : at + size])
 
+    def send_some(self, data: bytes) -> int:
+        """As much as fits without waiting."""
+        self._socket.settimeout(0)
+        try:
+            return self._socket.send(data)
+        except BlockingIOError:
+            return 0
+        finally:
+            self._socket.settimeout(PATIENCE)
+
     def take(self, size: int) -> bytes:
         data = bytearray()
         while len(data) < size:

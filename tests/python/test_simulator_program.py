@@ -1,0 +1,617 @@
+"""The simulator as a program: command line, project files, signals, the log, hostile clients, many clients."""
+
+from __future__ import annotations
+
+import os
+import random
+import re
+import signal
+import socket
+import struct
+import subprocess
+import time
+from collections.abc import Callable, Iterator
+from contextlib import ExitStack, contextmanager
+from pathlib import Path
+
+import pytest
+from conftest import CHECKOUT, Simulator
+from sim_wire import (
+    PATIENCE,
+    Line,
+    RawClient,
+    advise_request,
+    login_request,
+    new_id,
+    open_request,
+    read_request,
+    register_request,
+    typed,
+    write_request,
+)
+
+Simulators = Callable[..., Simulator]
+
+SMALL = """
+[project]
+name = "small"
+[[user]]
+name = "operator"
+password = "demo"
+rights = 0x08
+[[driver]]
+name = "D"
+[[driver.tag]]
+name = "T"
+type = "i4"
+value = 1
+[[driver.tag]]
+name = "文字"
+type = "str"
+"""
+
+
+def run(program: Path, *arguments: str | Path, expect: int) -> tuple[str, str]:
+    """What it writes to its two outputs before it ends by itself."""
+    done = subprocess.run(
+        [program, *arguments], capture_output=True, text=True, timeout=PATIENCE, check=False, stdin=subprocess.DEVNULL
+    )
+    assert done.returncode == expect, done.stderr
+    return done.stdout, done.stderr
+
+
+@contextmanager
+def started(program: Path, *arguments: str | Path) -> Iterator[subprocess.Popen[str]]:
+    """A running simulator whose outputs can be read."""
+    with subprocess.Popen(
+        [program, *arguments], stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True, stdin=subprocess.DEVNULL
+    ) as process:
+        try:
+            yield process
+        finally:
+            process.kill()
+
+
+def port_of(process: subprocess.Popen[str], greeting: str = "listening on 127.0.0.1:") -> int:
+    assert process.stdout is not None
+    line = process.stdout.readline()
+    assert line.startswith(greeting), line
+    return int(line.removeprefix(greeting))
+
+
+# Command line.
+
+
+def test_help_names_every_option_and_gives_an_example(rkdbsim_path: Path) -> None:
+    text, errors = run(rkdbsim_path, "--help", expect=0)
+    assert errors == ""
+    options = "--host --port --relay --relay-host --check --trace --trace-bytes --seed --log-level --quiet --version"
+    for word in [*options.split(), "PROJECT", "[[driver]]", "rkdbsim --port 0 plant.toml"]:
+        assert word in text
+
+
+@pytest.mark.parametrize(
+    "arguments",
+    [["--port", "65536"], ["--port", "x"], ["--host", "localhost"], ["--nonsense"], ["--log-level", "loud"], ["a", "b"]],
+)
+def test_a_mistake_in_the_command_line_is_said(rkdbsim_path: Path, arguments: list[str]) -> None:
+    text, errors = run(rkdbsim_path, *arguments, expect=2)
+    assert text == ""
+    assert errors
+
+
+def test_the_first_line_says_where_it_listens_and_the_log_goes_elsewhere(rkdbsim_path: Path) -> None:
+    with started(rkdbsim_path, "--port", "0") as process:
+        port = port_of(process)
+        with RawClient(("127.0.0.1", port)):
+            pass
+        process.send_signal(signal.SIGTERM)
+        output, log = process.communicate(timeout=PATIENCE)
+    assert output == ""
+    assert "logged in as \"operator\"" in log
+
+
+def test_a_given_port_is_taken(rkdbsim_path: Path) -> None:
+    with socket.create_server(("127.0.0.1", 0)) as probe:
+        port = probe.getsockname()[1]
+        _, errors = run(rkdbsim_path, "--port", str(port), expect=1)
+        assert "cannot listen" in errors
+    with started(rkdbsim_path, "--port", str(port)) as process:
+        assert port_of(process) == port
+
+
+def test_the_second_line_says_where_the_relay_centre_listens(rkdbsim_path: Path) -> None:
+    with started(rkdbsim_path, "--port", "0", "--relay=0") as process:
+        port = port_of(process)
+        centre = port_of(process, "relay centre on 127.0.0.1:")
+        assert centre != port
+        with RawClient(("127.0.0.1", centre), server="demo-relayed") as client:
+            assert client.registered.project == "demo"
+
+
+def test_without_a_project_the_built_in_one_is_served(rkdbsim_path: Path) -> None:
+    with started(rkdbsim_path, "--port", "0") as process, RawClient(("127.0.0.1", port_of(process))) as client:
+        built_in = client.download("RecData/drvinfo.dat")[1]
+        with started(rkdbsim_path, "--port", "0", CHECKOUT / "sim" / "demo.toml") as other:
+            with RawClient(("127.0.0.1", port_of(other))) as reader:
+                assert reader.download("RecData/drvinfo.dat")[1] == built_in
+
+
+# Signals.
+
+
+@pytest.mark.parametrize("number", [signal.SIGTERM, signal.SIGINT])
+def test_a_signal_ends_it_cleanly_with_connections_open(rkdbsim_path: Path, number: signal.Signals) -> None:
+    with started(rkdbsim_path, "--port", "0") as process, ExitStack() as stack:
+        address = ("127.0.0.1", port_of(process))
+        clients = [stack.enter_context(RawClient(address)) for _ in range(5)]
+        half = stack.enter_context(Line(address))
+        half.send(b"7")
+        for client in clients:
+            client.advise([(0, 0)])
+            client.alarms()
+        process.send_signal(number)
+        assert process.wait(timeout=PATIENCE) == 0
+        for client in clients:
+            assert client.ask.is_ended()
+
+
+def test_a_restarted_simulator_gets_its_port_back(rkdbsim_path: Path) -> None:
+    with started(rkdbsim_path, "--port", "0") as process:
+        port = port_of(process)
+        with RawClient(("127.0.0.1", port)):
+            process.send_signal(signal.SIGTERM)
+            assert process.wait(timeout=PATIENCE) == 0
+    with started(rkdbsim_path, "--port", str(port)) as process:
+        assert port_of(process) == port
+
+
+# Project files.
+
+
+def driver(*tags: str) -> str:
+    return '[[driver]]\nname = "D"\n' + "".join(f"[[driver.tag]]\n{tag}\n" for tag in tags)
+
+
+def moving(motion: str, kind: str = "r8") -> str:
+    return driver(f'name = "T"\ntype = "{kind}"\nmotion = {{ {motion} }}')
+
+
+T = 'name = "T"\ntype = "i4"'
+ALARM = driver(T, 'name = "S"\ntype = "str"') + '[[alarm]]\ndriver = "D"\ntag = "T"\ntype = "t"\ngroup = "g"\n'
+
+
+@pytest.mark.parametrize(
+    ("text", "line", "complaint"),
+    [
+        ("[project\n", 1, ""),
+        ("\n\nx = \n", 3, ""),
+        ("a = 1\na = 2\n", 2, ""),
+        ("\nnonsense = 1\n", 2, '"nonsense"'),
+        ("[project]\nname = 5\n", 2, "name: must be a text"),
+        ('[project]\nname = "🙂"\n', 2, "GB2312"),
+        (f'[project]\nname = "{"n" * 201}"\n', 2, "200 bytes"),
+        ('[project]\ntime = "noon"\n', 2, "2024-05-06T07:08:09Z"),
+        ("[project]\ntime = 2024-05-06T07:08:09\n", 2, "2024-05-06T07:08:09Z"),
+        ("[server]\nblock_size = 4097\n", 2, "from 1 to 4096"),
+        ("[server]\nblock_size = 0\n", 2, "from 1 to 4096"),
+        ('[server]\nrefuse = "all"\n', 2, "nothing, open, register"),
+        ("[server]\nsystem_notifications = [2, 3]\n", 2, "sub-types"),
+        ("server = 5\n", 1, "must be a table"),
+        ("user = 5\n", 1, "[[user]]"),
+        ('[[user]]\npassword = "x"\n', 1, "needs a key name"),
+        ('[[user]]\nname = "x"\nrights = -1\n', 3, "rights"),
+        (f'[[user]]\nname = "{"u" * 254}"\n', 1, "too long"),
+        ("[[driver]]\n", 1, "needs a key name"),
+        (driver() + driver(), 4, "another driver"),
+        (driver(T, T), 7, "already"),
+        (driver('name = "T"\ntype = "i3"'), 5, "none of: i4"),
+        (driver('name = ""'), 4, "comma"),
+        (driver('name = "a,b"'), 4, "comma"),
+        (driver('name = " a"'), 4, "blank"),
+        (driver('name = "a ß"'), 4, "GB2312"),
+        (driver(f'name = "{"n" * 254}"'), 4, "253 bytes"),
+        (driver(T + "\nvalue = 2.5"), 6, "whole number"),
+        (driver(T + "\nvalue = 2147483648"), 6, "range"),
+        (driver('name = "T"\ntype = "ui1"\nvalue = -1'), 6, "range"),
+        (driver('name = "T"\ntype = "bool"\nvalue = 1'), 6, "true or false"),
+        (driver('name = "T"\ntype = "r8"\nvalue = "1"'), 6, "number"),
+        (driver('name = "T"\ntype = "str"\nvalue = 1'), 6, "text"),
+        (driver(f'name = "T"\ntype = "str"\nvalue = "{"x" * 4001}"'), 6, "4000 bytes"),
+        (driver('name = "T"\ntype = "date"\nvalue = "2024"'), 6, "date"),
+        (driver('name = "T"\ntype = "empty"\nvalue = 0'), 6, "left out"),
+        (driver(T + "\ncolour = 1"), 6, '"colour"'),
+        (driver(T + "\ncount = 2"), 4, "%05d"),
+        (driver('name = "T%d%d"\ncount = 2'), 4, "%05d"),
+        (driver('name = "T%s"\ncount = 2'), 4, "%05d"),
+        (driver('name = "T%d"\ncount = 65535', T), 6, "at most 65535 tags"),
+        (driver(T + "\nperiod_ms = 0"), 6, "period_ms"),
+        (moving('kind = "jump"'), 6, "none of: echo"),
+        (moving('kind = "sine", low = 1, high = 2'), 6, "cycle_s"),
+        (moving('kind = "sine", low = 2, high = 1, cycle_s = 1'), 6, "above low"),
+        (moving('kind = "sine", low = 1, high = 2, cycle_s = 0'), 6, "above 0"),
+        (moving('kind = "ramp", low = 1, high = nan, step = 1'), 6, "finite"),
+        (moving('kind = "ramp", low = 1, high = 2, step = 1, cycle_s = 1'), 6, '"cycle_s"'),
+        (moving('kind = "echo", of = "T"'), 6, "another tag"),
+        (moving('kind = "echo", of = "U"'), 6, "another tag"),
+        (moving('kind = "cycle", values = []'), 6, "values"),
+        (moving('kind = "cycle", values = [1, "2"]'), 6, "number"),
+        (moving('kind = "sine", low = 1, high = 2, cycle_s = 1', "str"), 6, "cycle"),
+        (moving('kind = "cycle", values = [1]', "empty"), 6, "empty"),
+        (ALARM, 9, "high or low"),
+        (ALARM + "high = 1\nlow = 2\n", 14, "below low"),
+        (ALARM + "high = 1\ndead_band = -1\n", 15, "negative"),
+        (ALARM.replace('driver = "D"\n', 'driver = "X"\n') + "high = 1\n", 10, '"X"'),
+        (ALARM.replace('tag = "T"\n', 'tag = "X"\n') + "high = 1\n", 11, '"X"'),
+        (ALARM.replace('tag = "T"\n', 'tag = "S"\n') + "high = 1\n", 11, "number"),
+        (ALARM.replace('type = "t"', r'type = "a\nb"') + "high = 1\n", 12, "one line"),
+        ('[alarm_lists]\ntexts = ["a", ""]\n', 2, "empty"),
+        ('[[file]]\nname = "x"\ntext = "a"\nhex = "00"\n', 1, "more than one"),
+        ('[[file]]\nname = "x"\nhex = "0"\n', 3, "hexadecimal"),
+        ('[[file]]\nname = "x"\npath = "missing.bin"\n', 3, "cannot be read"),
+        ('[[relay]]\nname = "x"\ntarget = "nowhere"\n', 3, "10.0.0.5:8000"),
+        ('[[relay]]\nname = "x"\nredirect = "host:1"\n', 3, "10.0.0.5:8000"),
+        ('[[relay]]\nname = "x"\nredirect = "10.0.0.1:70000"\n', 3, "10.0.0.5:8000"),
+        ('[[relay]]\nname = "x"\nredirect = "self"\ntarget = "self"\n', 1, "both"),
+    ],
+)
+def test_a_mistake_in_a_project_is_said_with_file_and_line(
+    rkdbsim_path: Path, tmp_path: Path, text: str, line: int, complaint: str
+) -> None:
+    path = tmp_path / "wrong.toml"
+    path.write_text(text, encoding="utf-8")
+    for arguments in (["--check"], ["--port", "0"]):
+        output, errors = run(rkdbsim_path, *arguments, path, expect=2)
+        assert output == ""
+        assert errors.startswith(f"{path}:{line}: "), errors
+        assert complaint in errors
+        assert errors.count("\n") == 1
+
+
+def test_a_project_that_cannot_be_read_is_said(rkdbsim_path: Path, tmp_path: Path) -> None:
+    for path in (tmp_path / "missing.toml", tmp_path):
+        assert run(rkdbsim_path, path, expect=2)[1] == f"{path}: cannot be read\n"
+
+
+def test_check_says_what_a_good_project_holds_and_serves_nothing(rkdbsim_path: Path) -> None:
+    output, log = run(rkdbsim_path, "--check", CHECKOUT / "sim" / "demo.toml", expect=0)
+    assert output == ""
+    assert "2 drivers, 21 tags, 4 alarms, 2 users" in log
+
+
+def test_many_tags_are_described_at_once(simulator: Simulators) -> None:
+    text = driver('name = "T%05d"\ntype = "i2"\nvalue = 3\ncount = 30000\nfirst = 5', 'name = "一%d号"\ncount = 2')
+    with RawClient(("127.0.0.1", simulator(text).port)) as client:
+        assert client.download("RecData/drvinfo.dat")[1] == b"D\0\0\0" + struct.pack("<H", 30002)
+        names = ["T00005", "T00004", "T30004", "T30005", "一0号", "一1号", "一2号"]
+        assert client.find(*((0, name) for name in names)) == [0, 0xFFFF, 29999, 0xFFFF, 30000, 30001, 0xFFFF]
+        assert client.read([(0, 29999)]) == [(2, 3)]
+
+
+# Motions.
+
+
+def follow(client: RawClient, count: int, kind: int = 5) -> list[float | str | None]:
+    """The value of tag 0 and its next changes."""
+    values: list[float | str | None] = [client.advise([(0, 0)])[0][1]]
+    while len(values) < count:
+        values.append(client.change({(0, 0): kind})[1])
+    return values
+
+
+def one_tag(simulator: Simulators, motion: str, kind: str = "r8", value: str = "0", *arguments: str) -> RawClient:
+    text = driver(f'name = "T"\ntype = "{kind}"\nvalue = {value}\nperiod_ms = 10\nmotion = {{ {motion} }}')
+    return RawClient(("127.0.0.1", simulator(text, *arguments).port))
+
+
+def test_a_ramp_goes_up_and_starts_over(simulator: Simulators) -> None:
+    with one_tag(simulator, 'kind = "ramp", low = 0, high = 3, step = 1', "i4") as client:
+        values = follow(client, 12, 3)
+        assert all((after - before) % 4 == 1 for before, after in zip(values, values[1:]))  # type: ignore[operator]
+
+
+def test_a_ramp_can_turn_round(simulator: Simulators) -> None:
+    with one_tag(simulator, 'kind = "ramp", low = 0, high = 3, step = 1, bounce = true', "i1") as client:
+        values = follow(client, 14, 16)
+        assert re.search("0,1,2,3,2,1,0,1,2", ",".join(map(str, values)))
+
+
+def test_small_steps_of_a_whole_number_add_up(simulator: Simulators) -> None:
+    with one_tag(simulator, 'kind = "ramp", low = 0, high = 1000, step = 0.25', "i4") as client:
+        values = follow(client, 6, 3)
+        assert [after - values[0] for after in values] == list(range(6))  # type: ignore[operator]
+
+
+def test_a_sine_stays_between_its_ends_and_reaches_both(simulator: Simulators) -> None:
+    with one_tag(simulator, 'kind = "sine", low = -5, high = 15, cycle_s = 0.5') as client:
+        values = [value for value in follow(client, 100)[1:] if isinstance(value, float)]
+        assert -5 <= min(values) < -4
+        assert 14 < max(values) <= 15
+
+
+def test_a_random_walk_is_the_same_for_the_same_seed(simulator: Simulators) -> None:
+    def walk(seed: str) -> list[float | str | None]:
+        motion = 'kind = "random", low = -1, high = 1, step = 0.5'
+        text = "[server]\nsubscribe_hold_ms = 0\n" + driver(
+            f'name = "T"\ntype = "r8"\nperiod_ms = 200\nmotion = {{ {motion} }}'
+        )
+        with RawClient(("127.0.0.1", simulator(text, "--seed", seed).port)) as client:
+            values = follow(client, 6)
+            numbers = [value for value in values if isinstance(value, float)]
+            assert all(-1 <= number <= 1 for number in numbers)
+            assert all(abs(after - before) <= 0.5 for before, after in zip(numbers, numbers[1:]))
+            assert len(set(numbers)) == 6
+            return values
+
+    first = walk("7")
+    assert set(first[1:5]) & set(walk("7"))
+    assert not set(first) & set(walk("8")) - {0.0}
+
+
+def test_a_text_can_go_through_a_list(simulator: Simulators) -> None:
+    with one_tag(simulator, 'kind = "cycle", values = ["启动", "", "停止"]', "str", '"启动"') as client:
+        values = follow(client, 10, 8)
+        joined = ",".join(str(value) for value in values)
+        assert re.search("启动,,停止,启动,,停止", joined), joined
+
+
+def test_a_written_value_is_where_a_ramp_goes_on(simulator: Simulators) -> None:
+    with one_tag(simulator, 'kind = "ramp", low = 0, high = 1000000, step = 1', "i4") as client:
+        client.advise([(0, 0)])
+        client.write(((0, 0), typed(3, 500000)))
+        values = []
+        while 500003 not in values:
+            values.append(client.change({(0, 0): 3})[1])
+            assert len(values) < 1000
+        assert values[-4:] == [500000, 500001, 500002, 500003]
+
+
+def test_a_motion_that_does_not_change_the_value_is_not_pushed(simulator: Simulators) -> None:
+    with one_tag(simulator, 'kind = "cycle", values = [true, true, true]', "bool", "true") as client:
+        client.advise([(0, 0)])
+        assert client.hear.is_quiet()
+
+
+# The trace.
+
+
+def test_the_trace_shows_each_message_in_hex_with_its_meaning(rkdbsim_path: Path, tmp_path: Path) -> None:
+    path = tmp_path / "p.toml"
+    path.write_text(SMALL, encoding="utf-8")
+    with started(rkdbsim_path, "--port", "0", "--trace", path) as process:
+        with RawClient(("127.0.0.1", port_of(process))) as client:
+            assert client.find((0, "文字"), (0, "X\x01\xff")) == [1, 0xFFFF]
+            client.advise([(0, 0)])
+            client.write(((0, 0), typed(3, 258)), ((0, 1), typed(8, "好\n")))
+            client.hear.take(8)
+            client.alarms()
+            client.header("RecData/none")
+        process.send_signal(signal.SIGTERM)
+        _, log = process.communicate(timeout=PATIENCE)
+    for line in [
+        f"<- #1: open, identifier {client.ident.hex().upper()} | 37 ",
+        f'<- #2: register, identifier {client.ident.hex().upper()}, host "tester", login flag 1 | 38 ',
+        '<- #1: login of "operator" with password "demo" | 39 6F 70 65 72 61 74 6F 72 00 64 65 6D 6F 00\n',
+        "-> #1: accepted, rights 0x08 | 39 00 00 00 00 08 00 00 00\n",
+        "<- #1: where is 0/文字, 0/X\\x01\\xFF? | 4C 00 00 CE C4 D7 D6 00 00 00 58 01 FF 00\n",
+        "-> #1: positions 1, 65535 | 4C 01 00 00 00 FF FF 00 00\n",
+        "<- #1: subscribe D/T | 62 01 00 00 00 00 00 00\n",
+        "-> #1: 6 bytes of values | 62 06 00 03 00 01 00 00 00\n",
+        '<- #1: write D/T = 258, D/文字 = "好\\x0A" | 67 02 00 ',
+        "-> #1 push: change of D/T: 258 | 00 00 00 00 02 01 00 00\n",
+        "<- #1: register for alarms | 6E\n",
+        "-> #1: 0 active alarms | 6E 00 00\n",
+        "<- #1: download RecData/none | 34 ",
+        "-> #1: there is no such file | 45 78 69 73 74 3A 4E 6F 0D 0A 0D 0A\n",
+    ]:
+        assert line in log, line
+
+
+def test_the_trace_can_be_cut(rkdbsim_path: Path) -> None:
+    with started(rkdbsim_path, "--port", "0", "--trace", "--trace-bytes", "4") as process:
+        with RawClient(("127.0.0.1", port_of(process))):
+            pass
+        process.send_signal(signal.SIGTERM)
+        _, log = process.communicate(timeout=PATIENCE)
+    assert "| 39 6F 70 65 ... and 11 more\n" in log
+
+
+# Hostile and careless clients.
+
+
+def good(address: tuple[str, int]) -> bool:
+    """Whether an ordinary client is served."""
+    with RawClient(address) as client:
+        return client.read([(0, 0)])[0][0] == 3
+
+
+@pytest.mark.parametrize(
+    "said",
+    [
+        b"\0",
+        b"GET / HTTP/1.0\r\n\r\n",
+        b"9operator\0demo\0",
+        b"8" + b"x" * 2000,
+    ],
+)
+def test_who_does_not_begin_with_a_handshake_is_dropped(simulator: Simulators, said: bytes) -> None:
+    address = ("127.0.0.1", simulator(SMALL).port)
+    with Line(address) as line:
+        line.send(said)
+        assert line.is_ended()
+    assert good(address)
+
+
+@pytest.mark.parametrize(
+    "said",
+    [
+        b"\0",
+        b"0",
+        b"7" + bytes(22),
+        b"8" + bytes(40),
+        b"H\xff\xff",
+        b"b\x01\x20",
+        b"9" + b"u" * 5000,
+        b"4" + b"f" * 5000,
+        b"L\0\0" + b"n" * 5000,
+        b"L\0\0n\0" + b"\0\0" + b"n" * 5000,
+        b"g\x01\0\0\0\0\0\x08\0" + b"s" * 20000,
+        b"g\x01\0\0\0\0\0\x00\x20\x02\0",
+        b"L\0\0T\0\x05\x05",
+    ],
+)
+def test_a_request_that_is_none_ends_its_connection_only(simulator: Simulators, said: bytes) -> None:
+    address = ("127.0.0.1", simulator(SMALL).port)
+    with RawClient(address) as client, Line(address) as other:
+        other.send(open_request(new_id()))
+        other.want(b"7")
+        client.advise([(0, 0)])
+        other.send(said)
+        while other.take_once():
+            pass
+        client.write(((0, 0), typed(3, 2)))
+        client.hear.want(struct.pack("<HHi", 0, 0, 2))
+    assert good(address)
+
+
+def test_random_bytes_never_end_the_simulator(simulator: Simulators) -> None:
+    address = ("127.0.0.1", simulator(SMALL + "[server]\nblock_size = 64\n", "--log-level", "error").port)
+    source = random.Random(4711)
+    commands = b"3479LHbdgn"
+
+    def noise() -> bytes:
+        parts = []
+        for _ in range(source.randrange(1, 30)):
+            kind = source.random()
+            if kind < 0.5:
+                parts.append(bytes([source.choice(commands)]))
+            if kind < 0.8:
+                parts.append(struct.pack("<H", source.choice([0, 1, 2, 3, 255, 256, 8192, 65535])))
+            parts.append(source.randbytes(source.randrange(0, 40)))
+            if kind < 0.2:
+                parts.append(source.choice([b"\0", b"\r\n\r\n", b"T\0", read_request([(0, 0)]), advise_request([(0, 1)])]))
+        return b"".join(parts)
+
+    for number in range(400):
+        with Line(address) as line:
+            if number % 4:
+                line.send(open_request(new_id()))
+                line.want(b"7")
+            if number % 4 > 1:
+                line.send(login_request("operator", "demo"))
+                line.take(9)
+            try:
+                for _ in range(5):
+                    line.send(noise())
+            except ConnectionError:
+                pass  # it was thrown out, which is right
+    assert good(address)
+
+
+def test_a_client_that_stops_reading_is_dropped_and_the_others_hear_everything(rkdbsim_path: Path, tmp_path: Path) -> None:
+    path = tmp_path / "p.toml"
+    path.write_text("[server]\nsend_limit_kb = 64\n" + SMALL)
+    with started(rkdbsim_path, "--port", "0", path) as process:
+        address = ("127.0.0.1", port_of(process))
+        with RawClient(address) as deaf, RawClient(address) as client:
+            deaf.advise([(0, 1)])
+            client.advise([(0, 1)])
+            text = "x" * 1990
+            sent = 0
+            while not deaf.ask.is_quiet(0.001):  # nothing to read there until it ends
+                pytest.fail("the simulator spoke to a client that asked nothing")
+            while deaf.ask.is_quiet(0.001):
+                for number in range(20):
+                    client.write(((0, 1), typed(8, f"{text}{sent % 10}")))
+                    client.hear.want(b"\0\0\x01\0" + f"{text}{sent % 10}".encode() + b"\0")
+                    sent += 1
+                assert sent < 20000
+            assert deaf.ask.is_ended()
+            assert client.read([(0, 0)]) == [(3, 1)]
+        process.send_signal(signal.SIGTERM)
+        _, log = process.communicate(timeout=PATIENCE)
+    assert process.returncode == 0
+    assert re.search(r"warning #1 push: ended: the client does not read: \d+ bytes wait for it", log)
+
+
+def resident(pid: int) -> int:
+    """Bytes of memory in use."""
+    return int(Path(f"/proc/{pid}/statm").read_text().split()[1]) * os.sysconf("SC_PAGE_SIZE")
+
+
+def test_a_client_that_asks_without_reading_stalls_itself_only(simulator: Simulators) -> None:
+    simulated = simulator(SMALL + driver('name = "T%d"\ntype = "r8"\ncount = 1000').replace('"D"', '"E"'))
+    address = ("127.0.0.1", simulated.port)
+    with RawClient(address) as other, RawClient(address) as flood:
+        before = resident(simulated.pid)
+        request = read_request([(1, number) for number in range(1000)])
+        asked, quiet_since = 0, time.monotonic()
+        while time.monotonic() - quiet_since < 1:
+            if sent := flood.ask.send_some(request[asked % len(request) :] + request * 50):
+                asked, quiet_since = asked + sent, time.monotonic()
+            else:
+                time.sleep(0.01)
+            assert asked < 1 << 30
+        assert resident(simulated.pid) - before < 16 << 20
+        assert other.read([(0, 0)]) == [(3, 1)]
+
+
+def test_a_connection_that_says_nothing_is_dropped(simulator: Simulators) -> None:
+    address = ("127.0.0.1", simulator(SMALL).port)
+    with Line(address) as silent, Line(address) as half:
+        half.send(b"7" + bytes(10))
+        began = time.monotonic()
+        assert silent.is_ended()
+        assert half.is_ended()
+        assert time.monotonic() - began > 5
+
+
+def test_connections_beyond_the_projects_limit_are_turned_away(simulator: Simulators) -> None:
+    address = ("127.0.0.1", simulator("[server]\nmax_connections = 2\n" + SMALL).port)
+    with RawClient(address):
+        with Line(address) as third:
+            assert third.is_ended()
+    deadline = time.monotonic() + PATIENCE
+    while True:
+        try:
+            assert good(address)
+            break
+        except (AssertionError, ConnectionError):  # those before are not counted out yet
+            assert time.monotonic() < deadline
+            time.sleep(0.05)
+
+
+# Many clients.
+
+
+def test_two_hundred_clients_each_hear_every_change(simulator: Simulators) -> None:
+    address = ("127.0.0.1", simulator(SMALL, "--quiet").port)
+    with ExitStack() as stack:
+        clients = [stack.enter_context(RawClient(address)) for _ in range(200)]
+        for client in clients:
+            client.ask.send(advise_request([(0, 0)]))
+        for client in clients:
+            client.ask.want(b"b\x06\0" + typed(3, 1))
+        for number, client in enumerate(clients):
+            client.ask.send(write_request(((0, 0), typed(3, 1000 + number))))
+            clients[0].hear.want(struct.pack("<HHi", 0, 0, 1000 + number))
+        stream = b"".join(struct.pack("<HHi", 0, 0, 1000 + number) for number in range(200))
+        for client in clients[1:]:
+            client.hear.want(stream)
+
+
+def test_two_hundred_clients_may_come_at_once(simulator: Simulators) -> None:
+    address = ("127.0.0.1", simulator(SMALL, "--quiet").port)
+    with ExitStack() as stack:
+        pairs = [(new_id(), stack.enter_context(Line(address)), stack.enter_context(Line(address))) for _ in range(200)]
+        for ident, ask, _ in pairs:
+            ask.send(open_request(ident))
+        for _, ask, _ in pairs:
+            ask.want(b"7")
+        for ident, _, hear in pairs:
+            hear.send(register_request(ident))
+        for _, ask, hear in pairs:
+            assert len(hear.take_once(512)) > 60
+            ask.send(login_request("operator", "demo") + read_request([(0, 0)]))
+        for _, ask, _ in pairs:
+            ask.want(b"9" + bytes(4) + b"\x08\0\0\0" + b"H\0\x06\0" + typed(3, 1))
