@@ -11,7 +11,7 @@
 #include <ctime>
 #include <filesystem>
 #include <fstream>
-#include <iterator>
+#include <sstream>
 
 extern const std::string_view DEMO_PROJECT; // sim/demo.toml, compiled in
 
@@ -57,6 +57,20 @@ std::optional<DWORD> LoadTime(CTomlTable& table, std::string_view key)
     if (t < 0 || t > 0xFFFFFFFFLL)
         table.FailAt(key, "must be from 1970 to 2106");
     return static_cast<DWORD>(t);
+}
+
+/// Nothing for what is no file or cannot be read.
+std::optional<std::string> ReadFile(const std::filesystem::path& path)
+{
+    std::error_code missing;
+    if (!std::filesystem::is_regular_file(path, missing))
+        return std::nullopt;
+    std::ifstream stream(path, std::ios::binary);
+    std::ostringstream text;
+    text << stream.rdbuf();
+    // An empty file leaves nothing to copy, which the stream takes for a failure.
+    const bool bRead = stream.is_open() && !stream.bad();
+    return bRead ? std::optional(std::move(text).str()) : std::nullopt;
 }
 
 class CLoader
@@ -284,10 +298,10 @@ Bytes CLoader::LoadContent(CTomlTable& table) const
             bytes.push_back(static_cast<BYTE>(std::stoul(strDigits.substr(i, 2), nullptr, 16)));
     } else if (path) {
         const auto folder = std::filesystem::path(table.File()).parent_path();
-        std::ifstream stream(folder / *path, std::ios::binary);
-        bytes.assign(std::istreambuf_iterator<char>(stream), {});
-        if (!stream.is_open() || stream.bad())
+        const auto content = ReadFile(folder / *path);
+        if (!content)
             table.FailAt("path", "\"" + (folder / *path).string() + "\" cannot be read");
+        bytes.assign(content->begin(), content->end());
     }
     return bytes;
 }
@@ -368,12 +382,11 @@ SProject LoadProject(const std::string& strPath)
         const std::string strFile = "the built-in project";
         return CLoader(Parse(DEMO_PROJECT, strFile), strFile, static_cast<DWORD>(std::time(nullptr))).Load();
     }
-    std::ifstream stream(strPath, std::ios::binary);
-    const std::string strText(std::istreambuf_iterator<char>(stream), {});
+    const auto text = ReadFile(strPath);
     struct stat info
     {
     };
-    if (!stream.is_open() || stream.bad() || stat(strPath.c_str(), &info) != 0 || !S_ISREG(info.st_mode))
+    if (!text || stat(strPath.c_str(), &info) != 0)
         throw CProjectError(strPath + ": cannot be read");
-    return CLoader(Parse(strText, strPath), strPath, static_cast<DWORD>(info.st_mtime)).Load();
+    return CLoader(Parse(*text, strPath), strPath, static_cast<DWORD>(info.st_mtime)).Load();
 }

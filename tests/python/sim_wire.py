@@ -350,7 +350,7 @@ class RawClient:
 
 def in_pieces(data: bytes, sizes: Iterable[int]) -> list[bytes]:
     """The data cut into pieces of these sizes, over and over."""
-    pieces = []
+    pieces: list[bytes] = []
     for size in itertools.cycle(sizes):
         if not data:
             return pieces

@@ -120,7 +120,7 @@ def test_the_register_reply_names_project_title_and_directory(address: tuple[str
         hear.send(register_request(ident))
         coded = hear.take_once(512)
         plain = unscramble(coded)
-        directory = "Line1".encode() + bytes([0, 0, 0, 6, 0]) + "二号线".encode("gb2312") + bytes([0, 1, 0, 1, 0])
+        directory = b"Line1" + bytes([0, 0, 0, 6, 0]) + "二号线".encode("gb2312") + bytes([0, 1, 0, 1, 0])
         moment = struct.pack(">II", 1714979289, len(directory))
         assert plain == b"8" + bytes(50) + moment + "泵房".encode("gb2312") + b"\0" + "第二行".encode("gb2312") + b"\0"
         assert hear.is_quiet()
@@ -310,7 +310,7 @@ def test_no_tags_are_answered_with_an_empty_block(address: tuple[str, int]) -> N
         client.ask.want(b"H\0\0\0")
 
 
-TYPES = [
+TYPES: list[tuple[str, int, str, float | str]] = [
     ("i2", 2, "-32768", -32768),
     ("i4", 3, "-2147483648", -2147483648),
     ("r4", 4, "0.25", 0.25),
@@ -614,7 +614,12 @@ def test_a_value_that_goes_from_one_limit_to_the_other_ends_one_alarm_and_raises
             kind = client.hear.take(3)[2]
             record = Alarm.parse(client.hear.take(32))
             news.append((kind, record.tag, record.kind, record.value, record.limit, record.status))
-        assert news == [(1, 2, 1, 99.0, 80.0, 1), (3, 2, 1, 20.0, 80.0, 0), (1, 2, 1, 20.0, 20.5, 1), (1, 4, 4, 1, 0.5, 1)]
+        assert news == [
+            (1, 2, 1, 99.0, 80.0, 1),
+            (3, 2, 1, 20.0, 80.0, 0),
+            (1, 2, 1, 20.0, 20.5, 1),
+            (1, 4, 4, 1, 0.5, 1),
+        ]
         assert [(one.tag, one.value) for one in client.alarms()] == [(3, 95.0), (2, 20.0), (4, 1.0)]
 
 
@@ -637,9 +642,9 @@ def test_system_notifications_of_every_kind_stand_between_the_changes(simulator:
         '[[driver]]\nname = "D"\n[[driver.tag]]\nname = "O"\ntype = "i4"\n[[driver.tag]]\nname = "T"\ntype = "i4"\n'
     )
     lengths = {2: 7, 4: 43, 5: 7, 6: 20, 7: 7, 8: 5, 255: 3} | {9: 8, 14: 8, 15: 8, 22: 8}
-    lengths |= {kind: 15 for kind in range(10, 14)}
+    lengths |= dict.fromkeys(range(10, 14), 15)
     with RawClient(other(simulator, project)) as client:
-        seen = []
+        seen: list[int] = []
         client.advise([(0, 1)])
         while seen[-len(kinds) :] != kinds:
             assert client.hear.take(2) == b"\xff\xff"

@@ -65,7 +65,10 @@ ADVISE = (advise_request([(0, 1000), (0, 1)]), b"b\x0c\0" + typed(8, "old") + ty
 WRITE = (write_request(((0, 9), typed(3, 1)), ((0, 9), typed(3, 0)), ((1, 0), typed(5, 0.5))), b"")
 WRITE_NONE = (write_request(), b"")
 ALARMS = (b"n", b"n\0\0")
-DOWNLOAD = (b"4RecData/taglist\r\nHello:Yes\r\n\r\n", b"FileName:RecData/taglist\r\nFileTime:663881D9\r\nSize:0\r\n\r\n")
+DOWNLOAD = (
+    b"4RecData/taglist\r\nHello:Yes\r\n\r\n",
+    b"FileName:RecData/taglist\r\nFileTime:663881D9\r\nSize:0\r\n\r\n",
+)
 ABSENT = (b"4no\r\nLastTime:1\r\nSize:2\r\nHello:Yes\r\n\r\n", b"Exist:No\r\n\r\n")
 ALL = [LOGIN, PATHS, LOOKUP, LOOKUP_ONE, RELEASE, READ, ADVISE, WRITE, WRITE_NONE, ALARMS, DOWNLOAD, ABSENT]
 
@@ -136,7 +139,9 @@ def test_a_lookup_may_hold_hundreds_of_names(address: tuple[str, int]) -> None:
 
 
 def test_drivers_may_have_ids_that_look_like_commands(simulator: Simulators) -> None:
-    drivers = "".join(f'[[driver]]\nname = "D{n}"\n[[driver.tag]]\nname = "A"\n[[driver.tag]]\nname = "B"\n' for n in range(120))
+    drivers = "".join(
+        f'[[driver]]\nname = "D{n}"\n[[driver.tag]]\nname = "A"\n[[driver.tag]]\nname = "B"\n' for n in range(120)
+    )
     with RawClient(("127.0.0.1", simulator(drivers, "--quiet").port)) as client:
         assert client.find(*((driver, name) for driver in range(120) for name in "AB")) == [0, 1] * 120
         for driver in range(120):
