@@ -270,12 +270,14 @@ TEST_F(Alarms, AReplyThatIsCutShortFailsAndTheNextTryStartsAfresh)
 {
     const Bytes whole = U8('n') + U16(1) + Record({ALARM_TIME});
     for (const size_t nLen : {size_t{0}, size_t{2}, size_t{3}, whole.size() - 1}) {
-        const CPlay play([&] {
-            m_req.Want(U8('n'));
-            m_req.Send(Bytes(whole.begin(), whole.begin() + static_cast<long>(nLen)));
-            m_req.Close();
-        });
-        EXPECT_EQ(Core()._SetRtAlarmNotify(m_fn.get(), true), -2) << nLen;
+        {
+            const CPlay play([&] {
+                m_req.Want(U8('n'));
+                m_req.Send(Bytes(whole.begin(), whole.begin() + static_cast<long>(nLen)));
+                m_req.Close();
+            });
+            EXPECT_EQ(Core()._SetRtAlarmNotify(m_fn.get(), true), -2) << nLen;
+        }
         EXPECT_TRUE(m_calls.empty());
         EXPECT_FALSE(HasAlarmReceiver());
         Core().m_reqSock.Close();

@@ -282,6 +282,17 @@ TEST_F(PyThread, GivesItsStateBackWhetherTheLockIsHeldOrNot)
     }
 }
 
+/// The thread may hold the last reference to a callable when it finds out, so it must have the lock then.
+TEST_F(PyThread, ALinkThatWasLetGoBeforeMakesNoCallButLeavesWithTheLock)
+{
+    m_link.LetGo(0);
+    OnThread([this] {
+        CPyThread python(m_link);
+        EXPECT_FALSE(python.Call([] { ADD_FAILURE() << "called"; }));
+        EXPECT_TRUE(PyGILState_Check());
+    });
+}
+
 TEST_F(PyThread, ALinkThatIsLetGoWhileTheLockIsAwaitedMakesNoCallButLeavesWithTheLock)
 {
     std::thread thread([this] {

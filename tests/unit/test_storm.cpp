@@ -4,7 +4,7 @@
 
 namespace {
 
-constexpr unsigned CHANGES = SANITIZED ? 60000 : 1000000;
+constexpr unsigned CHANGES = SANITIZED ? 200000 : 1000000;
 constexpr unsigned TAGS = 5;
 constexpr unsigned STEP = 509; // changes that are put together for one send
 
