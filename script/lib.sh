@@ -26,12 +26,13 @@ configure() {
     fi
 }
 
-# build PRESET [TARGET...]: as many jobs as cores. A terminal shows progress, a log only what went wrong.
+# build PRESET [TARGET...]: as many jobs as cores, going on after a failure so that one run shows all there is to
+# mend. A terminal shows progress, a log only what went wrong.
 build() {
-    local preset=$1 target=() quiet=()
+    local preset=$1 target=() ninja=(-k 0)
     shift
     [ $# -eq 0 ] || target=(--target "$@")
-    [ -t 1 ] || quiet=(-- --quiet)
-    cmake --build --preset "$preset" --parallel "$(nproc)" "${target[@]}" "${quiet[@]}" ||
+    [ -t 1 ] || ninja+=(--quiet)
+    cmake --build --preset "$preset" --parallel "$(nproc)" "${target[@]}" -- "${ninja[@]}" ||
         die "building $preset failed"
 }
