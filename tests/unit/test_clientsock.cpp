@@ -119,10 +119,10 @@ std::string HostName()
 }
 
 /// The registration reply: bFlag, the file's time and size in big-endian, and the two texts.
-std::string Ack(char chFlag = 0)
+std::string Ack(char chFlag = 0, char chEcho = '8')
 {
     std::string plain(59, '\0');
-    plain[0] = '8';
+    plain[0] = chEcho;
     plain[1 + 21] = chFlag;
     std::memcpy(&plain[1 + 50], "\x01\x02\x03\x04\x05\x06\x07\x08", 8);
     plain.append(std::string("demo\0title\0", 11));
@@ -222,7 +222,7 @@ TEST(ConnectDB, TellsRefusalsOfTheRegisterRequestFromOtherReplies)
     {
         std::string strPlain;
         int nResult;
-    } rows[] = {{"0", 1244}, {"8", 1}, {"00", 1}, {Ack().substr(0, 59), 1}, {"9" + Ack().substr(1), 1}};
+    } rows[] = {{"0", 1244}, {"8", 1}, {"00", 1}, {Ack().substr(0, 59), 1}, {Ack(0, '9'), 1}};
     for (const auto& row : rows) {
         CLoopback server;
         server.Run([&row](CLoopback& self) {
