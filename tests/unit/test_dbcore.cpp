@@ -207,6 +207,36 @@ TEST_F(Connect, AfterALossTheSameCoreConnectsAgain)
     EXPECT_TRUE(Core()._GetDriver("A"));
 }
 
+TEST_F(Connect, ACallbackMayConnectAgain)
+{
+    Welcome();
+    m_req = std::move(m_server.req);
+    CFarEnd oldRcv = std::move(m_server.rcv);
+    CDBDriver* pA = Core()._GetDriver("A");
+    Subscribe(*pA, {{"t", 1, Typed(VT_I4, U32(0))}});
+    std::atomic<int> nCalls{0};
+    const CPyRef fn = MakeCallable([&](PyObject*) {
+        EXPECT_EQ(Try([&] {
+                      m_req.WantEnd();
+                      m_server.Handshake("unitcore", 1700000000, static_cast<UINT>(DIRECTORY.size()));
+                      m_server.Login();
+                  }),
+                  EConnect::Connected);
+        ++nCalls;
+        return None();
+    });
+    ASSERT_TRUE(pA->SetTagNotify(fn.get()));
+    oldRcv.Send(Change(0, 1, U32(5)) * 10);
+    EXPECT_TRUE(WaitWhileOthersRun([&] { return nCalls == 1 && CDBCore::CountThreads() == 1; }));
+    EXPECT_TRUE(Core().IsConnected());
+    m_req = std::move(m_server.req);
+    pA = Core()._GetDriver("A");
+    Subscribe(*pA, {{"t", 1, Typed(VT_I4, U32(0))}});
+    m_server.rcv.Send(Change(0, 1, U32(6)));
+    EXPECT_TRUE(WaitWhileOthersRun([&] { return Read(*pA, "t") == "6"; }));
+    EXPECT_EQ(nCalls, 1) << "the old registration went with its connection";
+}
+
 TEST_F(Connect, AFailedSecondConnectLeavesNothingOfTheFirst)
 {
     Welcome();
@@ -227,66 +257,7 @@ TEST_F(Connect, DisconnectOnAnIdleCoreDoesNothing)
     EXPECT_FALSE(Core().IsConnected());
 }
 
-class Directory : public CDBCoreTest
-{
-protected:
-    std::map<CString, SNDrvInfoEx> Load(const Bytes& bytes)
-    {
-        std::string strDir = ::testing::TempDir() + "unit_core_XXXXXX";
-        EXPECT_NE(::mkdtemp(strDir.data()), nullptr);
-        std::filesystem::create_directory(strDir + "/RecData");
-        std::ofstream(strDir + "/RecData/drvinfo.dat", std::ios::binary)
-            .write(reinterpret_cast<const char*>(bytes.data()), static_cast<std::streamsize>(bytes.size()));
-        std::map<CString, SNDrvInfoEx> map = m_map;
-        LoadPrjDrvInfo(CString(strDir + "/"), map);
-        std::filesystem::remove_all(strDir);
-        return map;
-    }
-    static std::string Show(const std::map<CString, SNDrvInfoEx>& map)
-    {
-        std::string strText;
-        for (const auto& [strName, info] : map)
-            strText += strName + ":" + std::to_string(info.id) + "," + std::to_string(info.tagNum) + " ";
-        return strText;
-    }
-
-    std::map<CString, SNDrvInfoEx> m_map; // what is known before the file is read
-};
-
-TEST_F(Directory, RecordsFollowOneAnotherToTheEndOfTheFile)
-{
-    EXPECT_EQ(Show(Load({'A', 0, 0, 0, 5, 0, 'B', 0, 1, 0, 10, 0})), "A:0,5 B:1,10 ");
-    EXPECT_EQ(Show(Load(DrvRecord("x", 0x1234, 0xFEDC))), "x:4660,65244 ");
-}
-
-TEST_F(Directory, TheSmallestRecordHasAnEmptyName)
-{
-    EXPECT_EQ(Show(Load({0, 1, 0, 2, 0})), ":1,2 ");
-    EXPECT_EQ(Show(Load({0, 1, 0, 2})), "") << "four bytes are none";
-    EXPECT_EQ(Show(Load({})), "");
-}
-
-TEST_F(Directory, ARecordThatIsCutIsIgnored)
-{
-    const Bytes whole = DrvRecord("A", 0, 5) + DrvRecord("second", 1, 10);
-    for (size_t nLen = 6; nLen < whole.size(); ++nLen)
-        EXPECT_EQ(Show(Load(Bytes(whole.begin(), whole.begin() + static_cast<long>(nLen)))), "A:0,5 ")
-            << nLen;
-}
-
-TEST_F(Directory, ANameThatAppearsTwiceKeepsTheLaterRecord)
-{
-    EXPECT_EQ(Show(Load(DrvRecord("A", 0, 5) + DrvRecord("B", 1, 6) + DrvRecord("A", 2, 7))), "A:2,7 B:1,6 ");
-}
-
-TEST_F(Directory, EntriesAreAddedToThoseThatAreThere)
-{
-    m_map[CString("old")].id = 9;
-    EXPECT_EQ(Show(Load(DrvRecord("A", 0, 5))), "A:0,5 old:9,0 ");
-    EXPECT_EQ(Show(Load({1, 2, 3})), "old:9,0 ");
-    LoadPrjDrvInfo(CString("/nonexistent/"), m_map);
-    EXPECT_EQ(Show(m_map), "old:9,0 ");
-}
+using Directory = CDBCoreTest;
 
 TEST_F(Directory, DriversAreMadeOnceAndNamedExactly)
 {
@@ -547,6 +518,39 @@ TEST_F(CoreEnds, AForkedCopyOfAnIdleCoreIsAnOrdinaryCore)
                              : 0;
               }),
               0);
+}
+
+TEST_F(CoreEnds, ACallbackThatForksSendsItsCopyOfTheThreadHome)
+{
+    Subscribe(*m_pA, {{"n", 1, Typed(VT_I4, U32(0))}});
+    std::atomic<pid_t> nChild{0};
+    std::atomic<int> nCalls{0};
+    const CPyRef fn = MakeCallable([&](PyObject*) {
+        if (nCalls++ > 0)
+            return None();
+        PyOS_BeforeFork();
+        const pid_t nForked = ::fork();
+        if (nForked == 0) {
+            PyOS_AfterFork_Child();
+            std::atexit(
+                [] { std::_Exit(0); }); // the copy's last thread ends the process: without its reports
+        } else {
+            PyOS_AfterFork_Parent();
+            nChild = nForked;
+        }
+        return None();
+    });
+    ASSERT_TRUE(m_pA->SetTagNotify(fn.get()));
+    StartReceiving();
+    constexpr int CHANGES = 2000;
+    m_rcv.Send(Change(0, 1, U32(5)) * CHANGES);
+    EXPECT_TRUE(WaitWhileOthersRun([&] { return nCalls == CHANGES; })) << "the copy took some for itself";
+    int nStatus = -1;
+    EXPECT_TRUE(WaitUntil([&] { return ::waitpid(nChild, &nStatus, WNOHANG) == nChild; }))
+        << "the copy goes on";
+    EXPECT_EQ(nStatus, 0);
+    EXPECT_TRUE(m_req.IsSilent());
+    EXPECT_TRUE(Core().IsConnected());
 }
 
 TEST_F(CoreEnds, TheEndOfTheInterpreterEndsEveryConnectionAndAllowsNoNewOne)

@@ -446,6 +446,45 @@ TEST_F(CoreThread, DisconnectIsPromptWhileTheThreadWaitsForTheInterpreterLock)
     DeleteCore();
     EXPECT_TRUE(WaitForThreads());
     EXPECT_EQ(nCalls, 0) << "a call after the end of its connection";
+    EXPECT_EQ(Py_REFCNT(fn.get()), 1);
+}
+
+TEST_F(CoreThread, ACallableThatHoldsItsOwnDriverGoesWithTheConnection)
+{
+    for (const bool bLost : {false, true}) {
+        std::weak_ptr<int> alive;
+        {
+            auto pToken = std::make_shared<int>(0);
+            alive = pToken;
+            const CPyRef fn = MakeCallable([pToken, held = CDriverRef(m_pA)](PyObject*) { return None(); });
+            ASSERT_TRUE(m_pA->SetTagNotify(fn.get()));
+        }
+        EXPECT_FALSE(alive.expired());
+        if (bLost) {
+            m_rcv.Close();
+            ASSERT_TRUE(WaitForThreads());
+        }
+        DeleteCore();
+        EXPECT_TRUE(alive.expired());
+        TearDown();
+        SetUp();
+    }
+}
+
+TEST_F(CoreThread, ACallbackMayAskTheServer)
+{
+    std::vector<std::string> log;
+    const CPyRef fn = MakeCallable([&](PyObject*) {
+        Learn(*m_pA, {{"other", 6, {}}});
+        Subscribe(*m_pB, {{"t", 7, Typed(VT_I4, U32(5))}});
+        log.push_back(Read(*m_pB, "t"));
+        return None();
+    });
+    ASSERT_TRUE(m_pA->SetTagNotify(fn.get()));
+    m_rcv.Send(Change(0, 1, I4(5)) + Change(1, 7, I4(6)));
+    EXPECT_TRUE(WaitWhileOthersRun([&] { return Read(*m_pA, "n") == "5" && !log.empty(); }));
+    EXPECT_EQ(log, std::vector<std::string>{"5"});
+    EXPECT_TRUE(WaitWhileOthersRun([&] { return Read(*m_pB, "t") == "6"; }));
 }
 
 TEST_F(CoreThread, ACallbackMayEndItsOwnConnection)

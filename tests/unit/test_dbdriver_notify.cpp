@@ -129,6 +129,28 @@ TEST_F(DriverSubscribe, ATypeWithoutAPayloadIsSubscribedAllTheSame)
     EXPECT_TRUE(m_req.IsSilent());
 }
 
+TEST_F(DriverSubscribe, EveryTypeTakesItsBytesOfABlock)
+{
+    const std::map<unsigned, size_t> sizes{{VT_I2, 2},  {VT_I4, 4},   {VT_R4, 4},  {VT_R8, 8},  {VT_DATE, 8},
+                                           {VT_STR, 4}, {VT_BOOL, 1}, {VT_I1, 1},  {VT_UI1, 1}, {VT_UI2, 2},
+                                           {VT_UI4, 4}, {VT_I8, 8},   {VT_INT, 4}, {VT_UINT, 4}};
+    std::vector<unsigned> codes{4095, 4096, 8192, 8204, 16384, 32768, 65535};
+    for (unsigned vt = 0; vt < 80; ++vt)
+        codes.push_back(vt);
+    for (const unsigned vt : codes) {
+        const auto it = sizes.find(vt);
+        const Bytes payload = it == sizes.end() ? Bytes{} : Text(std::string(it->second - 1, '\x01'));
+        const Bytes values = U16(vt) + payload + Int(vt + 1);
+        const CPlay play([&] {
+            m_req.Want(U8('H') + U16(2) + U16(0) + U16(1) + U16(0) + U16(2));
+            m_req.Send(U8('H') + U8(0) + U16(static_cast<unsigned>(values.size())) + values);
+        });
+        const CPyRef list(m_pA->GetTagValue("a,b"));
+        ASSERT_TRUE(list && PyList_CheckExact(list.get())) << vt;
+        EXPECT_EQ(Repr(PyList_GET_ITEM(list.get(), 1)), std::to_string(vt + 1)) << "behind type " << vt;
+    }
+}
+
 TEST_F(DriverSubscribe, AFailedLookUpOrSendFails)
 {
     {

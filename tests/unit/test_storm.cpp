@@ -167,6 +167,8 @@ TEST_F(Storm, ConnectionsThatComeAndGoInAStormLeaveNothingBehind)
         AddDriver("A", 0, 8);
         SetConnected();
     }
+    EXPECT_TRUE(WaitForThreads());
+    EXPECT_LE(Py_REFCNT(fn.get()), 3) << "ended registrations are kept";
 }
 
 } // namespace
