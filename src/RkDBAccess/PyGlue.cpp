@@ -85,7 +85,7 @@ CPyThread::~CPyThread()
 {
     if (!m_pState || !Take())
         return;
-    PyGILState_Release(m_eGil);
+    WhilePythonLives([this] { PyGILState_Release(m_eGil); }); // drops what the script kept for this thread
 }
 
 bool CPyThread::Take()

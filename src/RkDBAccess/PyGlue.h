@@ -10,7 +10,7 @@
 #include "ForkMark.h"
 #include "RecvLink.h"
 
-#include <cxxabi.h>
+#include <exception>
 #include <memory>
 
 /// Holds the calling thread for the rest of the process.
@@ -23,8 +23,10 @@ template <class F> decltype(auto) WhilePythonLives(F&& fn)
 {
     try {
         return fn();
-    } catch (const abi::__forced_unwind&) {
-        StayForGood();
+    } catch (...) {
+        if (std::current_exception())
+            throw;
+        StayForGood(); // unwinding that ends a thread is no exception of anybody's
     }
 }
 
