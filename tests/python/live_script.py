@@ -77,14 +77,15 @@ def runs(play: Play, project: str, script: str, *steps: d.Steps) -> str:
 def passes_unwatched(script: str, *arguments: str, timeout: float = 60.0) -> str:
     """passes_alone for scripts that fork: its watchdog is a thread that a forked copy waits for at its end.
 
-    For leak checks there is nothing to see: a copy has its parent's memory, but not the thread whose stack leads to
+    For a leak check there is nothing to see: a copy has its parent's memory, but not the thread whose stack leads to
     some of it.
     """
     path = os.pathsep.join(path for path in sys.path if path)
-    sanitizer = ":".join(filter(None, [os.environ.get("ASAN_OPTIONS"), "detect_leaks=0"]))
+    more = {"ASAN_OPTIONS": "detect_leaks=0", "TSAN_OPTIONS": "die_after_fork=0"}
+    sanitizers = {name: ":".join(filter(None, [os.environ.get(name), option])) for name, option in more.items()}
     process = subprocess.Popen(
         [sys.executable, "-X", "faulthandler", "-c", script, *arguments],
-        env={**os.environ, "PYTHONPATH": path, "ASAN_OPTIONS": sanitizer},
+        env={**os.environ, "PYTHONPATH": path, **sanitizers},
         stdout=subprocess.PIPE,
         stderr=subprocess.PIPE,
         text=True,

@@ -365,7 +365,11 @@ for _ in range(5):
     in_a_storm(play, project, script)
 
 
-@pytest.mark.parametrize("ending", ["os._exit(0)", "return"])
+# The thread sanitizer's runtime crashes where a thread ends that has forked its process off.
+IN_CALLBACK = ["os._exit(0)"] if os.environ.get("RKDB_PRESET") == "tsan" else ["os._exit(0)", "return"]
+
+
+@pytest.mark.parametrize("ending", IN_CALLBACK)
 def test_a_callback_may_fork(play: Play, project: str, ending: str) -> None:
     # A child that comes back from the callback must not read from its parent's connection.
     script = f"""
@@ -452,7 +456,7 @@ ENDINGS: dict[str, tuple[str, int]] = {
     "the last line": ("storm()", 0),
     "sys.exit": ("storm()\nsys.exit(7)", 7),
     "sys.exit in a function": ("def main(core, boiler):\n    storm()\n    sys.exit(3)\nmain(core, boiler)", 3),
-    "names deleted": ("storm()\nseen = seen, core, boiler\ndel core, boiler", 0),
+    "names deleted": ("storm()\nkept = [core, boiler]\ndel core, boiler", 0),
     "a cycle": ("storm()\nkept = [core, boiler]\nkept.append(kept)\ndel core, boiler", 0),
     "os._exit": ("storm()\nos._exit(4)", 4),
     "a short switch interval": ("sys.setswitchinterval(1e-6)\nstorm()", 0),
