@@ -8,6 +8,22 @@ namespace {
 
 constexpr size_t TRANSFER_PIECE = 64 << 10;
 
+/// Null for a write that was done.
+const char* WhyIgnored(EWrite eWrite)
+{
+    switch (eWrite) {
+    case EWrite::Done:
+        return nullptr;
+    case EWrite::NoSuchTag:
+        return "no such tag";
+    case EWrite::Constant:
+        return "it is constant";
+    case EWrite::NoValue:
+        break;
+    }
+    return "no value";
+}
+
 } // namespace
 
 CConversation::CConversation(const SServices& services, CChannel& channel, CClient& client)
@@ -157,25 +173,10 @@ void CConversation::On(const SWriteRequest& request)
         return;
     }
     const SInstant now = m_services.fnNow();
-    for (const auto& [tag, value] : request.values) {
-        const auto ignored = [&](const char* szWhy) {
-            spdlog::warn("{}: write to {} ignored: {}", m_client.strName, ShowTag(m_services.plant, tag),
+    for (const SWriteRequest::SValue& one : request.values)
+        if (const char* szWhy = WhyIgnored(m_services.plant.Write(one.tag, one.value, now)))
+            spdlog::warn("{}: write to {} ignored: {}", m_client.strName, ShowTag(m_services.plant, one.tag),
                          szWhy);
-        };
-        switch (m_services.plant.Write(tag, value, now)) {
-        case EWrite::Done:
-            break;
-        case EWrite::NoSuchTag:
-            ignored("no such tag");
-            break;
-        case EWrite::Constant:
-            ignored("it is constant");
-            break;
-        case EWrite::NoValue:
-            ignored("no value");
-            break;
-        }
-    }
 }
 
 void CConversation::On(const SAlarmsRequest&)

@@ -173,9 +173,7 @@ void TakeLine(SDownloadRequest& download, std::string_view line)
     const size_t nColon = line.find(':');
     const std::string_view name = line.substr(0, nColon);
     const std::string_view value = nColon == line.npos ? "" : line.substr(nColon + 1);
-    const auto copy = [](auto& place) -> SDownloadRequest::SCopy& {
-        return place ? *place : place.emplace();
-    };
+    const auto copy = [](auto& place) -> SFileCopy& { return place ? *place : place.emplace(); };
     if (SameWord(name, "LastTime"))
         copy(download.last).tTime = HexNumber(value);
     else if (SameWord(name, "Size"))

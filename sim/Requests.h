@@ -28,18 +28,19 @@ struct SPathsRequest
 {
 };
 
+/// What a client says of the copy that it has.
+struct SFileCopy
+{
+    DWORD tTime = 0;
+    DWORD nSize = 0;
+};
+
 struct SDownloadRequest
 {
-    struct SCopy
-    {
-        DWORD tTime = 0;
-        DWORD nSize = 0;
-    };
-
     std::string strName;
-    std::optional<SCopy> last; // the client's copy
-    std::optional<SCopy> gz;   // its compressed copy
-    bool bHello = false;       // it offers to acknowledge windows
+    std::optional<SFileCopy> last; // the client's copy
+    std::optional<SFileCopy> gz;   // its compressed copy
+    bool bHello = false;           // it offers to acknowledge windows
 };
 
 struct SLoginRequest

@@ -74,7 +74,7 @@ template <class T> std::optional<T> CTomlTable::Value(std::string_view key, cons
     const toml::node* pNode = Node(key);
     if (!pNode)
         return std::nullopt;
-    const auto value = pNode->value_exact<T>();
+    auto value = pNode->value_exact<T>();
     if (!value)
         FailAt(key, std::string("must be ") + szKind);
     return value;

@@ -10,7 +10,7 @@ namespace {
 
 constexpr DWORD TIME_TOLERANCE = 3; // seconds; file systems differ in what they keep
 
-bool IsCopyOf(const SDownloadRequest::SCopy& copy, DWORD tTime, size_t nSize)
+bool IsCopyOf(const SFileCopy& copy, DWORD tTime, size_t nSize)
 {
     const DWORD nApart = copy.tTime - tTime + TIME_TOLERANCE; // wraps, so both ways
     return nApart <= 2 * TIME_TOLERANCE && copy.nSize == static_cast<DWORD>(nSize);

@@ -11,6 +11,7 @@ import os
 import socket
 import struct
 from collections.abc import Iterable, Sequence
+from contextlib import ExitStack
 from dataclasses import dataclass
 from types import TracebackType
 
@@ -201,6 +202,9 @@ class Line:
         except ConnectionError:
             return True
 
+    def fileno(self) -> int:
+        return self._socket.fileno()
+
     def close(self) -> None:
         self._socket.close()
 
@@ -250,16 +254,18 @@ class RawClient:
         server: str | None = None,
     ) -> None:
         self.ident = ident or new_id()
-        self.ask = Line(address)
-        self.ask.send(open_request(self.ident, server))
-        self.ask.want(b"7")
-        self.hear = Line(address)
-        self.hear.send(register_request(self.ident))
-        self.registered = parse_registered(self.hear.take_once(512))
-        self.ask.send(login_request(user, password))
-        reply = self.ask.take_once(256)
-        assert reply[:1] == b"9", reply
-        self.rights = struct.unpack_from("<I", reply, 5)[0]
+        with ExitStack() as lines:
+            self.ask = lines.enter_context(Line(address))
+            self.ask.send(open_request(self.ident, server))
+            self.ask.want(b"7")
+            self.hear = lines.enter_context(Line(address))
+            self.hear.send(register_request(self.ident))
+            self.registered = parse_registered(self.hear.take_once(512))
+            self.ask.send(login_request(user, password))
+            reply = self.ask.take_once(256)
+            assert reply[:1] == b"9", reply
+            self.rights = struct.unpack_from("<I", reply, 5)[0]
+            self._lines = lines.pop_all()
 
     def find(self, *names: tuple[int, str]) -> list[int]:
         self.ask.send(lookup_request(*names))
@@ -336,8 +342,7 @@ class RawClient:
         return header, self.ask.take(int(header.get("Size", "0"), 16))
 
     def close(self) -> None:
-        self.ask.close()
-        self.hear.close()
+        self._lines.close()
 
     def __enter__(self) -> RawClient:
         return self
