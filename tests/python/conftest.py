@@ -174,7 +174,7 @@ class Outcome:
     errors: str
 
 
-def run_alone(script: str, *arguments: str, timeout: float = 60.0, through: Sequence[str] = ()) -> Outcome:
+def run_alone(script: str, *arguments: str, timeout: float = 120.0, through: Sequence[str] = ()) -> Outcome:
     """Runs Python text in a process of its own, so that a crash or a hang is a failed test with a stack.
 
     through: a command that starts the process.
@@ -191,7 +191,7 @@ def run_alone(script: str, *arguments: str, timeout: float = 60.0, through: Sequ
     return Outcome(done.returncode, done.stdout, done.stderr)
 
 
-def passes_alone(script: str, *arguments: str, timeout: float = 60.0, through: Sequence[str] = ()) -> str:
+def passes_alone(script: str, *arguments: str, timeout: float = 120.0, through: Sequence[str] = ()) -> str:
     """Runs Python text as above; it must end by itself with status 0 and complain about nothing. Gives its output."""
     outcome = run_alone(script, *arguments, timeout=timeout, through=through)
     assert (outcome.status, outcome.errors) == (0, ""), f"status {outcome.status}\n{outcome.output}\n{outcome.errors}"

@@ -30,7 +30,7 @@ import wire
 from hostile import HostileServer
 
 Step = tuple[Any, ...]
-PATIENCE = 30.0  # seconds a peer waits for any one thing; far above the client's own time-outs
+PATIENCE = 60.0  # seconds a peer waits for any one thing; far above the client's own time-outs
 
 
 class Mismatch(Exception):

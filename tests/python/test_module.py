@@ -4,9 +4,13 @@ from __future__ import annotations
 
 import inspect
 import sys
+import threading
+import time
 from typing import Any
 
+import dialogue as d
 import pytest
+import wire
 from client import FAILED
 from conftest import Serve, passes_alone
 
@@ -161,6 +165,31 @@ def test_connect_gives_a_number_whatever_the_host_text(host: str) -> None:
     # No name server is asked: there is no address in these, or a label is too long.
     text = host if host.lower().startswith("p2p") or len(host) > 100 else host + "y" * 70
     assert DBCore().Connect(text, "u", "p") == FAILED
+
+
+def test_a_call_keeps_the_interpreter_lock_while_it_waits(serve: Serve) -> None:
+    session = serve(d.want("req", wire.lookup_request(d.BOILER, ["A"])) + d.pause(0.5) + d.send("req", b"0"))
+    ticks: list[float] = []
+    done = threading.Event()
+
+    def tick() -> None:
+        while not done.wait(0.002):
+            ticks.append(time.monotonic())
+
+    ticking = threading.Thread(target=tick)
+    ticking.start()
+    try:
+        time.sleep(0.1)
+        started = time.monotonic()
+        assert session.boiler.GetTagValue("A") is None
+        ended = time.monotonic()
+        time.sleep(0.1)
+    finally:
+        done.set()
+        ticking.join()
+    assert [tick for tick in ticks if tick < started]
+    assert [tick for tick in ticks if tick > ended]
+    assert not [tick for tick in ticks if started + 0.1 < tick < ended - 0.1]
 
 
 def test_the_module_survives_reimport_and_threads() -> None:

@@ -32,7 +32,7 @@ BODY = wire.directory(d.DRIVERS)
 # Every call's result, its seconds and its seconds of computing.
 CLIENT = f"""
 import faulthandler, json, signal, sys, time
-faulthandler.dump_traceback_later(80, exit=True)
+faulthandler.dump_traceback_later(150, exit=True)
 from client import read
 from RkDBAccess import DBCore
 results = []
@@ -81,7 +81,7 @@ class Run:
     """A scenario under way."""
 
     def __init__(self, scenario: Scenario) -> None:
-        self.peer = Peer(scenario.steps, {"server": scenario.address}, patience=60)
+        self.peer = Peer(scenario.steps, {"server": scenario.address}, patience=150)
         self.host = scenario.host or self.peer.host
         self._client = subprocess.Popen(
             [sys.executable, "-X", "faulthandler", "-c", CLIENT + scenario.calls + ENDS, self.host],
@@ -93,7 +93,7 @@ class Run:
 
     def results(self) -> list[tuple[object, float, float]]:
         """Result, seconds and seconds of computing of each call; the server must have seen its script."""
-        output, errors = self._client.communicate(timeout=100)
+        output, errors = self._client.communicate(timeout=200)
         assert (self._client.returncode, errors) == (0, "")
         self.peer.finish()
         return [(value, seconds, computing) for value, seconds, computing in json.loads(output)]
@@ -230,7 +230,7 @@ def test_a_host_that_never_answers_is_given_up_by_the_time_out() -> None:
             capture_output=True,
             text=True,
             check=True,
-            timeout=100,
+            timeout=200,
         )
         for one in waiting:
             one.close()
