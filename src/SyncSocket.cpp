@@ -8,6 +8,7 @@
 #include <cerrno>
 #include <fcntl.h>
 #include <netinet/tcp.h>
+#include <optional>
 #include <poll.h>
 #include <unistd.h>
 
@@ -55,6 +56,31 @@ bool WouldBlock() noexcept
     return errno == EAGAIN || errno == EWOULDBLOCK;
 }
 
+/// Milliseconds; nothing for what is no socket.
+std::optional<long> TimeOption(SOCKET hSocket, int nName) noexcept
+{
+    timeval tv{};
+    socklen_t nLen = sizeof tv;
+    if (::getsockopt(hSocket, SOL_SOCKET, nName, &tv, &nLen) != 0)
+        return std::nullopt;
+    return tv.tv_sec * 1000 + tv.tv_usec / 1000;
+}
+
+/// Calls again what a signal has interrupted, until nMs (0: no limit) have passed since the first call.
+template <class Fn> auto Resumed(SOCKET hSocket, short nEvents, long nMs, Fn fnCall) -> decltype(fnCall())
+{
+    const CDeadline deadline(nMs);
+    for (;;) {
+        const auto nResult = fnCall();
+        if (nResult >= 0 || errno != EINTR)
+            return nResult;
+        if (deadline.Wait(hSocket, nEvents) != 1) {
+            errno = EAGAIN;
+            return -1;
+        }
+    }
+}
+
 bool SetOption(SOCKET hSocket, int nLevel, int nName, int nValue) noexcept
 {
     return ::setsockopt(hSocket, nLevel, nName, &nValue, sizeof nValue) == 0;
@@ -65,6 +91,17 @@ bool SetOption(SOCKET hSocket, int nLevel, int nName, int nValue) noexcept
 void SendAtOnce(SOCKET hSocket) noexcept
 {
     static_cast<void>(SetOption(hSocket, IPPROTO_TCP, TCP_NODELAY, 1));
+}
+
+/// Number 0 means no socket here, but it is free in a process that was started without standard input.
+SOCKET OpenSocket(int nType) noexcept
+{
+    const SOCKET hSocket = ::socket(AF_INET, nType | SOCK_CLOEXEC, 0);
+    if (hSocket != 0)
+        return hSocket;
+    const SOCKET hOther = ::fcntl(hSocket, F_DUPFD_CLOEXEC, 1);
+    ::close(hSocket);
+    return hOther;
 }
 
 /// Puts a descriptor into non-blocking mode for one scope.
@@ -100,6 +137,8 @@ CSyncSocket::CSyncSocket(SOCKET hSocket)
 void CSyncSocket::SetHandle(SOCKET hSocket)
 {
     auto pHandle = hSocket == -1 ? nullptr : std::make_shared<CSockHandle>(hSocket);
+    m_nRecvTimeOut = TimeOption(hSocket, SO_RCVTIMEO).value_or(0);
+    m_nSendTimeOut = TimeOption(hSocket, SO_SNDTIMEO).value_or(0);
     const CThreadGuard guard(m_lock);
     m_hSocket.swap(pHandle);
     m_bTimedOut = false;
@@ -127,7 +166,7 @@ bool CSyncSocket::Create(UINT nPort, int nType, LPCSTR szAddr, int nReuse)
 {
     if (GetHandle() != -1)
         return true;
-    const SOCKET hSocket = ::socket(AF_INET, nType | SOCK_CLOEXEC, 0);
+    const SOCKET hSocket = OpenSocket(nType);
     if (hSocket == -1)
         return false;
     SetHandle(hSocket);
@@ -193,16 +232,16 @@ bool CSyncSocket::_Connect(LPCSTR szHost, UINT nPort)
 
 bool CSyncSocket::Listen(int nBacklog)
 {
-    return ::listen(GetHandle(), nBacklog) == 0;
+    const auto pin = PinHandle();
+    return pin && ::listen(pin->Get(), nBacklog) == 0;
 }
 
 bool CSyncSocket::Accept(CSyncSocket& sockNew, sockaddr* pAddr, socklen_t* pAddrLen)
 {
     const auto pin = PinHandle();
-    SOCKET hNew = -1;
-    do
-        hNew = ::accept4(pin ? pin->Get() : -1, pAddr, pAddrLen, SOCK_CLOEXEC);
-    while (hNew == -1 && errno == EINTR);
+    const SOCKET hListener = pin ? pin->Get() : -1;
+    const SOCKET hNew = Resumed(hListener, POLLIN, m_nRecvTimeOut,
+                                [&] { return ::accept4(hListener, pAddr, pAddrLen, SOCK_CLOEXEC); });
     sockNew.SetHandle(hNew);
     if (hNew != -1)
         SendAtOnce(hNew);
@@ -269,16 +308,9 @@ int CSyncSocket::SendOn(SOCKET hSocket, const void* pBuf, int nLen, int nFlags)
 
 int CSyncSocket::RecvOn(SOCKET hSocket, void* pBuf, int nLen, int nFlags)
 {
-    const CDeadline deadline(m_nRecvTimeOut);
-    for (;;) {
-        const auto nGot = ::recv(hSocket, pBuf, static_cast<size_t>(nLen), nFlags);
-        if (nGot >= 0 || errno != EINTR)
-            return NoteTimeOut(static_cast<int>(nGot), nFlags);
-        if (deadline.Wait(hSocket, POLLIN) != 1) {
-            errno = EAGAIN;
-            return NoteTimeOut(-1, nFlags);
-        }
-    }
+    const auto nGot = Resumed(hSocket, POLLIN, m_nRecvTimeOut,
+                              [&] { return ::recv(hSocket, pBuf, static_cast<size_t>(nLen), nFlags); });
+    return NoteTimeOut(static_cast<int>(nGot), nFlags);
 }
 
 int CSyncSocket::_Send(const void* pBuf, int nLen, int nFlags)
@@ -346,8 +378,10 @@ int CSyncSocket::_SendTo(const void* pBuf, int nLen, UINT nPort, LPCSTR szHost, 
         return -1;
     sockaddr_in addr;
     CreateAddrIn(szHost, nPort, addr);
-    return static_cast<int>(::sendto(pin->Get(), pBuf, static_cast<size_t>(nLen), nFlags | MSG_NOSIGNAL,
-                                     reinterpret_cast<const sockaddr*>(&addr), sizeof addr));
+    return static_cast<int>(Resumed(pin->Get(), POLLOUT, m_nSendTimeOut, [&] {
+        return ::sendto(pin->Get(), pBuf, static_cast<size_t>(nLen), nFlags | MSG_NOSIGNAL,
+                        reinterpret_cast<const sockaddr*>(&addr), sizeof addr);
+    }));
 }
 
 int CSyncSocket::_RecvFrom(void* pBuf, int nLen, sockaddr_in& addr, int nFlags)
@@ -357,14 +391,17 @@ int CSyncSocket::_RecvFrom(void* pBuf, int nLen, sockaddr_in& addr, int nFlags)
     if (!pin || nLen < 0)
         return -1;
     socklen_t nAddrLen = sizeof addr;
-    return static_cast<int>(::recvfrom(pin->Get(), pBuf, static_cast<size_t>(nLen), nFlags,
-                                       reinterpret_cast<sockaddr*>(&addr), &nAddrLen));
+    return static_cast<int>(Resumed(pin->Get(), POLLIN, m_nRecvTimeOut, [&] {
+        return ::recvfrom(pin->Get(), pBuf, static_cast<size_t>(nLen), nFlags,
+                          reinterpret_cast<sockaddr*>(&addr), &nAddrLen);
+    }));
 }
 
 bool CSyncSocket::SetTimeOption(int nName, long nMs, std::atomic<long>& nKept)
 {
+    const auto pin = PinHandle();
     const timeval tv = ToTimeval(nMs);
-    if (::setsockopt(GetHandle(), SOL_SOCKET, nName, &tv, sizeof tv) != 0)
+    if (!pin || ::setsockopt(pin->Get(), SOL_SOCKET, nName, &tv, sizeof tv) != 0)
         return false;
     nKept = nMs;
     return true;
@@ -387,18 +424,16 @@ bool CSyncSocket::SetTimeOut(long nMs)
 
 bool CSyncSocket::GetRecvTimeOut(long& nMs) const
 {
-    timeval tv{};
-    socklen_t nLen = sizeof tv;
-    if (::getsockopt(GetHandle(), SOL_SOCKET, SO_RCVTIMEO, &tv, &nLen) != 0)
-        return false;
-    nMs = tv.tv_sec * 1000 + tv.tv_usec / 1000;
-    return true;
+    const auto pin = PinHandle();
+    const auto found = TimeOption(pin ? pin->Get() : -1, SO_RCVTIMEO);
+    nMs = found.value_or(nMs);
+    return found.has_value();
 }
 
 bool CScnSocket::_Connect(LPCSTR szHost, UINT nPort)
 {
-    return m_nCenterIp != 0 ? CSyncSocket::_Connect(m_nCenterIp, nPort)
-                            : CSyncSocket::_Connect(szHost, nPort);
+    const ULONG nCenterIp = m_nCenterIp;
+    return nCenterIp != 0 ? CSyncSocket::_Connect(nCenterIp, nPort) : CSyncSocket::_Connect(szHost, nPort);
 }
 
 int CReqTimeSock::_Send(const void* pBuf, int nLen, int nFlags)

@@ -101,7 +101,7 @@ private:
 
     mutable CThreadLock m_lock;
     Pin m_hSocket RK_GUARDED_BY(m_lock); // null: no socket
-    std::atomic<long> m_nRecvTimeOut{0}; // ms, 0: none; what SO_RCVTIMEO holds
+    std::atomic<long> m_nRecvTimeOut{0}; // ms, 0: none; what SO_RCVTIMEO of the descriptor holds
     std::atomic<long> m_nSendTimeOut{0};
     std::atomic<long> m_nConnectTimeOut{0};
     std::atomic<bool> m_bTimedOut{false};
@@ -113,7 +113,7 @@ class CScnSocket : public CSyncSocket
 public:
     bool _Connect(LPCSTR szHost, UINT nPort);
 
-    ULONG m_nCenterIp = 0; // network byte order; 0: connect to the host that is named
+    std::atomic<ULONG> m_nCenterIp{0}; // network byte order; 0: connect to the host that is named
 };
 
 /// The request socket: remembers when the last request went out.
