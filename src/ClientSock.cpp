@@ -11,7 +11,6 @@
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
-#include <poll.h>
 #include <strings.h>
 #include <unistd.h>
 
@@ -26,7 +25,7 @@ constexpr UINT MIN_ACK_SIZE = 1 + sizeof(SNAckRegReq);
 
 /// After an unclean exchange the rest of its reply may still be under way: this long without a byte counts
 /// as its end.
-constexpr int QUIET_MS = 50;
+constexpr long QUIET_MS = 50;
 /// A peer that talks on unasked for longer than this is not one to ask anything.
 constexpr size_t MAX_DRAIN = 1 << 20;
 constexpr auto MAX_DRAIN_TIME = std::chrono::seconds(2);
@@ -61,6 +60,7 @@ int ParseRelay(const CString& strHost, SServerAddr& addr)
         addr.strCenter = CString(strPrefix.substr(nOpen + 1));
         addr.strCenter.TrimRight(')');
     }
+    addr.bRelay = true;
     addr.strHost = strHost;
     addr.nPort = CClientSock::RELAY_PORT;
     addr.nTimeOut = RELAY_TIMEOUT;
@@ -158,8 +158,8 @@ int CClientSock::ConnectAddr(LPCSTR szHost, CString& strPrjName, CString& strTit
     SServerAddr addr;
     if (const int nResult = ParseHost(szHost, addr); nResult != 0)
         return nResult;
-    m_bLocalDB = addr.strCenter.empty() && _IsLocalDB(addr.strHost.c_str());
-    if (!addr.strCenter.empty())
+    m_bLocalDB = !addr.bRelay && _IsLocalDB(addr.strHost.c_str());
+    if (addr.bRelay)
         m_reqSock.m_nCenterIp = m_rcvSock.m_nCenterIp = ::inet_addr(addr.strCenter.c_str());
 
     _GUID guid{};
@@ -269,18 +269,17 @@ CExchange::CExchange(CClientSock& sock) : m_sock(sock)
     size_t nDrained = 0;
     const bool bUnclean = m_sock.m_bUnclean;
     for (;;) {
-        const int nGot = m_sock.m_reqSock._Recv(rest.data(), static_cast<int>(rest.size()), MSG_DONTWAIT);
-        if (nGot > 0) {
-            nDrained += static_cast<size_t>(nGot);
-            if (nDrained <= MAX_DRAIN && std::chrono::steady_clock::now() < end)
-                continue;
+        int nGot = m_sock.m_reqSock._Recv(rest.data(), static_cast<int>(rest.size()), MSG_DONTWAIT);
+        // What follows stray bytes may be right behind them; a clean connection costs one call and no wait.
+        if (nGot < 0 && (bUnclean || nDrained > 0))
+            nGot = m_sock.m_reqSock.RecvTimeOut(rest.data(), static_cast<int>(rest.size()), QUIET_MS);
+        if (nGot <= 0)
+            return;
+        nDrained += static_cast<size_t>(nGot);
+        if (nDrained > MAX_DRAIN || std::chrono::steady_clock::now() >= end) {
             m_sock.m_reqSock.Close();
             return;
         }
-        // What follows stray bytes may be right behind them; a clean connection costs one call and no wait.
-        pollfd entry{m_sock.m_reqSock.GetHandle(), POLLIN, 0};
-        if (nGot == 0 || !(bUnclean || nDrained > 0) || entry.fd == -1 || ::poll(&entry, 1, QUIET_MS) != 1)
-            return;
     }
 }
 

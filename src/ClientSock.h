@@ -63,7 +63,8 @@ struct SServerAddr
 {
     CString strHost;   // direct: the host; relay: the whole text, which the centre address overrides
     CString strServer; // relay: the server's name
-    CString strCenter; // relay: dotted address of the centre; empty: direct
+    CString strCenter; // relay: dotted address of the centre
+    bool bRelay = false;
     WORD nPort = 0;
     long nTimeOut = 0; // ms, for connecting and for every later request
 };
