@@ -44,6 +44,9 @@ public:
         sock.SetTimeOut(10000);
     }
 
+    /// From now on nobody is listened to.
+    void StopListening() { m_listener.Close(); }
+
     UINT Port() const { return m_nPort; }
     std::string Host() const { return m_strIp + ":" + std::to_string(m_nPort); }
     SOCKET Handle() const { return m_listener.GetHandle(); }

@@ -1,18 +1,13 @@
-// Addresses, the handshake byte by byte, exchanges that end unclean, and the project tree.
-#include "ClientSock.h"
+// Addresses, and the handshake byte by byte: direct, through a relay centre, and redirected.
+#include "peer.h"
 
-#include "loopback.h"
+#include "HostName.h"
+#include "WireReader.h"
+#include "disturbed_call.h"
 
-#include <array>
-#include <cstring>
-#include <filesystem>
-#include <fstream>
-#include <sys/stat.h>
-#include <unistd.h>
+#include <poll.h>
 
 namespace {
-
-namespace fs = std::filesystem;
 
 SServerAddr Parsed(const char* szHost)
 {
@@ -73,14 +68,6 @@ TEST(ParseHost, RelayAddressesThatCannotBeAreRefused)
     EXPECT_EQ(CClientSock::ParseHost(("p2p:" + std::string(249, 'n')).c_str(), addr), 0);
 }
 
-TEST(IsMirrorName, RefusesWhatWouldLeaveTheMirror)
-{
-    for (const char* szName : {".", "..", "/", "a/b", "../x", "..\xFF", ".\xFF", "\xFF"})
-        EXPECT_FALSE(CClientSock::IsMirrorName(szName)) << szName;
-    for (const char* szName : {"demo", "...", "a.b", "\xCA\xBE\xB7\xB6"})
-        EXPECT_TRUE(CClientSock::IsMirrorName(szName)) << szName;
-}
-
 TEST(GetGatewayMac, IsZeros)
 {
     std::array<BYTE, SNRegReq::MAC_SIZE> mac{1, 2, 3, 4, 5, 6};
@@ -88,111 +75,137 @@ TEST(GetGatewayMac, IsZeros)
     EXPECT_EQ(mac, (std::array<BYTE, SNRegReq::MAC_SIZE>{}));
 }
 
-/// A request of the handshake: its command byte, and its record unscrambled.
-std::string WantScrambled(CSyncSocket& sock, char chCmd, size_t nPlain)
-{
-    Want(sock, std::string_view(&chCmd, 1));
-    const size_t nLen = nPlain / 3 * 4 + (nPlain % 3 ? nPlain % 3 + 1 : 0);
-    std::vector<BYTE> scrambled(nLen);
-    EXPECT_TRUE(sock.RecvAll(scrambled.data(), static_cast<int>(nLen)));
-    std::string plain(nPlain, '\0');
-    EXPECT_EQ(DecryptPacket(static_cast<UINT>(nLen), scrambled.data(), static_cast<UINT>(nPlain),
-                            reinterpret_cast<BYTE*>(plain.data())),
-              nPlain);
-    return plain;
-}
-
-void SendScrambled(CSyncSocket& sock, const std::string& plain)
-{
-    std::vector<BYTE> out(plain.size() / 3 * 4 + 4);
-    const UINT nLen =
-        EncryptPacket(static_cast<UINT>(plain.size()), reinterpret_cast<const BYTE*>(plain.data()),
-                      static_cast<UINT>(out.size()), out.data());
-    Send(sock, std::string_view(reinterpret_cast<const char*>(out.data()), nLen));
-}
-
-std::string HostName()
-{
-    std::array<char, 237> name{};
-    ::gethostname(name.data(), 236);
-    return name.data();
-}
-
-/// The registration reply: bFlag, the file's time and size in big-endian, and the two texts.
-std::string Ack(char chFlag = 0, char chEcho = '8')
-{
-    std::string plain(59, '\0');
-    plain[0] = chEcho;
-    plain[1 + 21] = chFlag;
-    std::memcpy(&plain[1 + 50], "\x01\x02\x03\x04\x05\x06\x07\x08", 8);
-    plain.append(std::string("demo\0title\0", 11));
-    return plain;
-}
-
-struct SHandshake
-{
-    int nResult = -1;
-    CString strPrjName;
-    CString strTitle;
-    SNAckRegReq ack{};
-};
-
-SHandshake Connect(CClientSock& client, const std::string& strHost)
-{
-    SHandshake done;
-    done.nResult = client.ConnectDB(strHost.c_str(), done.strPrjName, done.strTitle, done.ack, true);
-    return done;
-}
-
 TEST(ConnectDB, OpensAndRegistersByteForByte)
 {
     CLoopback server;
     server.Run([](CLoopback& self) {
-        CSyncSocket req;
-        self.Accept(req);
-        const std::string open = WantScrambled(req, '7', 16);
-        Send(req, "7");
-        CSyncSocket rcv;
-        self.Accept(rcv);
-        const std::string strName = HostName();
-        const std::string reg = WantScrambled(rcv, '8', strName.size() + 19);
-        EXPECT_EQ(reg, open + strName + std::string("\0\1\1", 3));
-        SendScrambled(rcv, Ack(16));
-        WantEnd(req);
-        WantEnd(rcv);
+        SServed served;
+        Serve(self, served, Ack(16));
+        EXPECT_EQ(served.strRegister, served.strOpen + HostName() + std::string("\0\1\1", 3));
+        served.WantEnds();
     });
     CClientSock client;
+    client.m_reqSock.m_nCenterIp = client.m_rcvSock.m_nCenterIp =
+        ::inet_addr("192.0.2.1"); // of an earlier relay
     const SHandshake done = Connect(client, server.Host());
     EXPECT_EQ(done.nResult, 0);
     EXPECT_EQ(done.strPrjName, "demo");
     EXPECT_EQ(done.strTitle, "title");
-    EXPECT_EQ(done.ack.bFlag, 6) << "16 arrives as 6";
-    EXPECT_EQ(std::memcmp(&done.ack.dif_time, "\x01\x02\x03\x04\x05\x06\x07\x08", 8), 0);
     long nMs = 0;
     EXPECT_TRUE(client.m_reqSock.GetRecvTimeOut(nMs));
     EXPECT_EQ(nMs, 8000);
     EXPECT_TRUE(client.m_rcvSock.GetRecvTimeOut(nMs));
     EXPECT_GT(nMs, 0x7FFFFFFF - 1000);
     EXPECT_FALSE(client.m_bLocalDB);
+    EXPECT_FALSE(client.m_bLan);
     client.StopSock();
 }
 
-TEST(ConnectDB, AnyOtherFlagArrivesUnchanged)
+TEST(ConnectDB, ShowsTheMomentAsItsIdentifier)
 {
-    for (const char chFlag : {'\0', '\6', '\x11'}) {
+    std::string strOpen;
+    CLoopback server;
+    server.Run([&strOpen](CLoopback& self) {
+        SServed served;
+        Serve(self, served, Ack());
+        strOpen = served.strOpen;
+    });
+    const time_t tBegin = std::time(nullptr);
+    CClientSock client;
+    EXPECT_EQ(Connect(client, server.Host()).nResult, 0);
+    const time_t tEnd = std::time(nullptr);
+    server.Join();
+    CWireReader reader(std::span(reinterpret_cast<const BYTE*>(strOpen.data()), strOpen.size()));
+    const DWORD nData1 = reader.Get<DWORD>();
+    EXPECT_GE(nData1, static_cast<DWORD>(tBegin));
+    EXPECT_LE(nData1, static_cast<DWORD>(tEnd));
+    reader.Skip(4);
+    EXPECT_EQ(reader.Get<uint64_t>(), nData1);
+}
+
+TEST(ConnectDB, PassesTheLoginFlagOn)
+{
+    CLoopback server;
+    server.Run([](CLoopback& self) {
+        SServed served;
+        Serve(self, served, Ack());
+        EXPECT_EQ(served.strRegister.substr(16), HostName() + std::string("\0\0\1", 3));
+    });
+    CClientSock client;
+    EXPECT_EQ(Connect(client, server.Host(), false).nResult, 0);
+}
+
+TEST(ConnectDB, HandsTheRecordOverAsItCame)
+{
+    std::string strAck = Ack();
+    for (size_t i = 1; i < 59; ++i)
+        strAck[i] = static_cast<char>(0x80 + i);
+    CLoopback server;
+    server.Run([&strAck](CLoopback& self) {
+        SServed served;
+        Serve(self, served, strAck);
+    });
+    CClientSock client;
+    const SHandshake done = Connect(client, server.Host());
+    EXPECT_EQ(std::string_view(reinterpret_cast<const char*>(&done.ack), sizeof done.ack),
+              strAck.substr(1, 59));
+    const auto field = [&strAck](size_t nOffset) { return std::string_view(strAck).substr(1 + nOffset, 4); };
+    const auto bytes = [](const DWORD& n) { return std::string_view(reinterpret_cast<const char*>(&n), 4); };
+    EXPECT_EQ(bytes(done.ack.fif_time), field(42));
+    EXPECT_EQ(bytes(done.ack.fif_size), field(46));
+    EXPECT_EQ(bytes(done.ack.dif_time), field(50));
+    EXPECT_EQ(bytes(done.ack.dif_size), field(54));
+    EXPECT_EQ(done.ack.prjName[0], 'd') << "the name's first character is the record's last byte";
+}
+
+TEST(ConnectDB, StoresSixForTheFlagSixteenAndEveryOtherAsItIs)
+{
+    for (const auto& [chFlag, chStored] : {std::pair{'\x10', '\6'},
+                                           {'\0', '\0'},
+                                           {'\6', '\6'},
+                                           {'\x0F', '\x0F'},
+                                           {'\x11', '\x11'},
+                                           {'\xFF', '\xFF'}}) {
         CLoopback server;
-        server.Run([chFlag](CLoopback& self) {
-            CSyncSocket req;
-            self.Accept(req);
-            WantScrambled(req, '7', 16);
-            Send(req, "7 and more");
-            CSyncSocket rcv;
-            self.Accept(rcv);
-            WantScrambled(rcv, '8', HostName().size() + 19);
-            SendScrambled(rcv, Ack(chFlag));
+        server.Run([chFlag = chFlag](CLoopback& self) {
+            SServed served;
+            Serve(self, served, Ack(chFlag), 16, "7 and more");
+            served.WantEnds();
         });
         CClientSock client;
-        EXPECT_EQ(Connect(client, server.Host()).ack.bFlag, chFlag);
+        EXPECT_EQ(Connect(client, server.Host()).ack.bFlag, static_cast<BYTE>(chStored));
+    }
+}
+
+TEST(ConnectDB, TakesTheTextsAsFarAsTheReplyGoes)
+{
+    const std::string strHead = Ack().substr(0, 59);
+    const struct
+    {
+        std::string strTexts;
+        std::string strName;
+        std::string strTitle;
+    } rows[] = {
+        {"n", "n", ""}, // the shortest reply
+        {std::string(1, '\0'), "", ""},
+        {std::string("\0title\0", 7), "", "title"},
+        {std::string("name\0", 5), "name", ""},
+        {std::string("name\0title without an end", 25), "name", "title without an end"},
+        {std::string("name\0title\0more\0", 16), "name", "title"},
+        {std::string(200, 'n') + '\0' + std::string(120, 't') + '\0', std::string(200, 'n'),
+         std::string(120, 't')},
+    };
+    for (const auto& row : rows) {
+        CLoopback server;
+        server.Run([&](CLoopback& self) {
+            SServed served;
+            Serve(self, served, strHead + row.strTexts);
+        });
+        CClientSock client;
+        const SHandshake done = Connect(client, server.Host());
+        EXPECT_EQ(done.nResult, 0);
+        EXPECT_EQ(done.strPrjName, row.strName);
+        EXPECT_EQ(done.strTitle, row.strTitle);
     }
 }
 
@@ -202,18 +215,24 @@ TEST(ConnectDB, TellsRefusalsOfTheOpenRequestFromOtherReplies)
     {
         std::string strReply;
         int nResult;
-    } rows[] = {{"0", CONNECT_REFUSED}, {"07", CONNECT_REFUSED}, {"x", 1}, {"8", 1}, {"", 1}};
+    } rows[] = {{"0", CONNECT_REFUSED},   {"07", CONNECT_REFUSED}, {"x", 1}, {"8", 1}, {"", 1},
+                {std::string(1, '\0'), 1}};
     for (const auto& row : rows) {
         CLoopback server;
         server.Run([&row](CLoopback& self) {
             CSyncSocket req;
             self.Accept(req);
             WantScrambled(req, '7', 16);
+            if (row.strReply.empty())
+                return; // closes
             Send(req, row.strReply);
+            WantEnd(req);
         });
         CClientSock client;
         EXPECT_EQ(Connect(client, server.Host()).nResult, row.nResult) << row.strReply;
     }
+    EXPECT_EQ(CONNECT_REFUSED, static_cast<int>(0x80004005));
+    EXPECT_EQ(CONNECT_BAD_ADDRESS, static_cast<int>(0x80070057));
 }
 
 TEST(ConnectDB, TellsRefusalsOfTheRegisterRequestFromOtherReplies)
@@ -222,10 +241,25 @@ TEST(ConnectDB, TellsRefusalsOfTheRegisterRequestFromOtherReplies)
     {
         std::string strPlain;
         int nResult;
-    } rows[] = {{"0", 1244}, {"8", 1}, {"00", 1}, {Ack().substr(0, 59), 1}, {Ack(0, '9'), 1}};
+    } rows[] = {{"0", 1244},      {"8", 1},        {"00", 1}, {Ack().substr(0, 59), 1},
+                {Ack(0, '9'), 1}, {Ack(0, '0'), 1}};
     for (const auto& row : rows) {
         CLoopback server;
         server.Run([&row](CLoopback& self) {
+            SServed served;
+            Serve(self, served, row.strPlain);
+            served.WantEnds();
+        });
+        CClientSock client;
+        EXPECT_EQ(Connect(client, server.Host()).nResult, row.nResult) << row.strPlain.size();
+    }
+}
+
+TEST(ConnectDB, FailsWhenTheRegisterReplyCannotBeUnscrambledOrNeverComes)
+{
+    for (const std::string strRaw : {"", "0", "12345"}) { // 1 and 5: lengths that no scrambling has
+        CLoopback server;
+        server.Run([&strRaw](CLoopback& self) {
             CSyncSocket req;
             self.Accept(req);
             WantScrambled(req, '7', 16);
@@ -233,36 +267,152 @@ TEST(ConnectDB, TellsRefusalsOfTheRegisterRequestFromOtherReplies)
             CSyncSocket rcv;
             self.Accept(rcv);
             WantScrambled(rcv, '8', HostName().size() + 19);
-            SendScrambled(rcv, row.strPlain);
+            Send(rcv, strRaw);
         });
         CClientSock client;
-        EXPECT_EQ(Connect(client, server.Host()).nResult, row.nResult) << row.strPlain.size();
+        EXPECT_EQ(Connect(client, server.Host()).nResult, 1) << strRaw;
     }
 }
 
-/// A redirect to an address: "7lan", the address and the port, both in network order.
-std::string Redirect(UINT nPort, const char* szWord = "lan")
+TEST(ConnectDB, FailsWhereNobodyListens)
 {
-    std::string reply = std::string("7") + szWord + std::string("\x7F\0\0\1", 4);
-    reply.push_back(static_cast<char>(nPort >> 8));
-    reply.push_back(static_cast<char>(nPort));
-    return reply;
+    UINT nPort = 0;
+    {
+        const CLoopback gone;
+        nPort = gone.Port();
+    }
+    CClientSock client;
+    EXPECT_EQ(Connect(client, "127.0.0.1:" + std::to_string(nPort)).nResult, 1);
+    EXPECT_EQ(Connect(client, "p2p").nResult, CONNECT_BAD_ADDRESS);
+    EXPECT_EQ(Connect(client, "p2p:" + std::string(250, 'n')).nResult, CONNECT_REFUSED);
+}
+
+TEST(ConnectDB, FailsWhenTheSecondConnectionFindsNobody)
+{
+    CLoopback server;
+    server.Run([](CLoopback& self) {
+        CSyncSocket req;
+        self.Accept(req);
+        WantScrambled(req, '7', 16);
+        self.StopListening();
+        Send(req, "7");
+        WantEnd(req);
+    });
+    CClientSock client;
+    EXPECT_EQ(Connect(client, server.Host()).nResult, 1);
+    client.StopSock();
+}
+
+TEST(ConnectDB, ThatFailsLeavesItsSocketsOpenUntilTheNextOrStopSock)
+{
+    CLoopback server;
+    server.Run([](CLoopback& self) {
+        SServed first;
+        Serve(self, first, "0");
+        SServed second;
+        self.Accept(second.req); // the second attempt has closed the first one's sockets by now
+        first.WantEnds();
+        WantScrambled(second.req, '7', 16);
+        Send(second.req, "0");
+        WantEnd(second.req);
+    });
+    CClientSock client;
+    EXPECT_EQ(Connect(client, server.Host()).nResult, 1244);
+    EXPECT_TRUE(client.m_reqSock.IsSocket());
+    EXPECT_TRUE(client.m_rcvSock.IsSocket());
+    EXPECT_EQ(Connect(client, server.Host()).nResult, CONNECT_REFUSED);
+    EXPECT_TRUE(client.m_reqSock.IsSocket());
+    EXPECT_FALSE(client.m_rcvSock.IsSocket());
+    client.StopSock();
+    EXPECT_FALSE(client.m_reqSock.IsSocket());
+}
+
+TEST(ConnectDB, GivesUpAServerThatNeverAnswersAfterEightSecondsWhateverSignalsCome)
+{
+    CLoopback server;
+    server.Run([](CLoopback& self) {
+        CSyncSocket req;
+        self.Accept(req);
+        WantScrambled(req, '7', 16);
+        std::this_thread::sleep_for(std::chrono::seconds(9)); // past any receive time-out of the far end
+        WantEnd(req);
+    });
+    CClientSock client;
+    const auto begin = std::chrono::steady_clock::now();
+    int nResult = 0;
+    CDisturbedCall call([&] { nResult = Connect(client, server.Host()).nResult; });
+    while (call.Disturb(10) && std::chrono::steady_clock::now() - begin < std::chrono::seconds(30)) {
+    }
+    call.Join();
+    const auto took = std::chrono::steady_clock::now() - begin;
+    EXPECT_EQ(nResult, 1);
+    EXPECT_GE(took, std::chrono::milliseconds(7900));
+    EXPECT_LT(took, std::chrono::seconds(12)) << "each signal began the wait anew";
+    EXPECT_TRUE(client.m_reqSock.HasTimedOut());
+    client.StopSock();
+}
+
+TEST(ConnectDB, GoesThroughTheRelayCentreWithBothConnections)
+{
+    CLoopback relay("127.77.1.3", CClientSock::RELAY_PORT); // the wire fixes the port
+    relay.Run([](CLoopback& self) {
+        SServed served;
+        Serve(self, served, Ack(), 23 + 5);
+        EXPECT_EQ(served.strOpen.substr(16), std::string(6, '\0') + "plant" + '\0');
+        EXPECT_EQ(served.strRegister, served.strOpen.substr(0, 16) + HostName() + std::string("\0\1\1", 3));
+        served.WantEnds();
+    });
+    CClientSock client;
+    EXPECT_EQ(Connect(client, "P2P(127.77.1.3):plant").nResult, 0);
+    EXPECT_FALSE(client.m_bLan);
+    EXPECT_FALSE(client.m_bLocalDB);
+    EXPECT_EQ(client.m_reqSock.m_nCenterIp, ::inet_addr("127.77.1.3"));
+    EXPECT_EQ(client.m_rcvSock.m_nCenterIp, ::inet_addr("127.77.1.3"));
+    long nMs = 0;
+    EXPECT_TRUE(client.m_reqSock.GetRecvTimeOut(nMs));
+    EXPECT_EQ(nMs, 13000);
+    client.StopSock();
+    EXPECT_EQ(client.m_reqSock.m_nCenterIp, 0U);
+    EXPECT_EQ(client.m_rcvSock.m_nCenterIp, 0U);
+}
+
+TEST(ConnectDB, SendsTheLongestServerNameThatFits)
+{
+    const std::string strName(SNRegReq::MAX_SERVER_NAME, 'n');
+    CLoopback relay("127.77.1.4", CClientSock::RELAY_PORT);
+    relay.Run([&strName](CLoopback& self) {
+        SServed served;
+        Serve(self, served, Ack(), 23 + strName.size());
+        EXPECT_EQ(served.strOpen.substr(16), std::string(6, '\0') + strName + '\0');
+        served.WantEnds();
+    });
+    CClientSock client;
+    EXPECT_EQ(Connect(client, "p2p(127.77.1.4):" + strName).nResult, 0);
+}
+
+TEST(ConnectDB, AsksNoResolverForARelayWhoseCentreIsNoAddress)
+{
+    const FnLookUp fnBefore = g_fnLookUp;
+    g_fnLookUp = [](LPCSTR szHost) -> std::optional<in_addr> {
+        ADD_FAILURE() << "looked up " << szHost;
+        return std::nullopt;
+    };
+    for (const char* szHost : {"p2p():name", "p2p()):name", "p2p(centre):name"}) {
+        CClientSock client;
+        EXPECT_EQ(Connect(client, szHost).nResult, 1) << szHost;
+    }
+    g_fnLookUp = fnBefore;
 }
 
 TEST(ConnectDB, FollowsTheRelaysRedirectWithANewDirectConnection)
 {
     CLoopback direct;
     direct.Run([](CLoopback& self) {
-        CSyncSocket req;
-        self.Accept(req);
-        WantScrambled(req, '7', 16);
-        Send(req, "7");
-        CSyncSocket rcv;
-        self.Accept(rcv);
-        WantScrambled(rcv, '8', HostName().size() + 19);
-        SendScrambled(rcv, Ack());
+        SServed served;
+        Serve(self, served, Ack());
+        served.WantEnds();
     });
-    CLoopback relay("127.77.1.1", CClientSock::RELAY_PORT); // the wire fixes the port
+    CLoopback relay("127.77.1.1", CClientSock::RELAY_PORT);
     relay.Run([&direct](CLoopback& self) {
         CSyncSocket req;
         self.Accept(req);
@@ -276,182 +426,130 @@ TEST(ConnectDB, FollowsTheRelaysRedirectWithANewDirectConnection)
     const SHandshake done = Connect(client, "p2p(127.77.1.1):plant");
     EXPECT_EQ(testing::internal::GetCapturedStdout(), "Is same lan ...\n");
     EXPECT_EQ(done.nResult, 0);
+    EXPECT_EQ(done.strPrjName, "demo");
     EXPECT_TRUE(client.m_bLan);
     EXPECT_EQ(client.m_reqSock.m_nCenterIp, 0U);
+    EXPECT_EQ(client.m_rcvSock.m_nCenterIp, 0U);
+    long nMs = 0;
+    EXPECT_TRUE(client.m_reqSock.GetRecvTimeOut(nMs));
+    EXPECT_EQ(nMs, 8000) << "a direct connection now";
 }
 
-TEST(ConnectDB, FollowsEightRedirectsAndNoMore)
+TEST(ConnectDB, TakesADirectAddressWithTheRelaysPortForARelay)
 {
-    CLoopback relay("127.77.1.2", CClientSock::RELAY_PORT);
-    int nOpened = 0;
-    relay.Run([&nOpened](CLoopback& self) {
-        for (int i = 0; i < 9; ++i) {
-            CSyncSocket req;
-            self.Accept(req);
-            WantScrambled(req, '7', i == 0 ? 24 : 23); // a direct address with this port sends an empty name
-            ++nOpened;
-            std::string reply = Redirect(CClientSock::RELAY_PORT);
-            std::memcpy(&reply[4], "\x7F\x4D\x01\x02", 4);
-            Send(req, reply);
-            WantEnd(req);
-        }
+    CLoopback direct;
+    direct.Run([](CLoopback& self) {
+        SServed served;
+        Serve(self, served, Ack());
+    });
+    CLoopback relay("127.77.1.5", CClientSock::RELAY_PORT);
+    relay.Run([&direct](CLoopback& self) {
+        CSyncSocket req;
+        self.Accept(req);
+        const std::string open = WantScrambled(req, '7', 23);
+        EXPECT_EQ(open.substr(16), std::string(7, '\0')) << "an address of zeros and an empty name";
+        Send(req, Redirect(direct.Port()) + "behind it");
+        WantEnd(req);
     });
     CClientSock client;
     testing::internal::CaptureStdout();
-    EXPECT_EQ(Connect(client, "p2p(127.77.1.2):s").nResult, 1);
-    const std::string strPrinted = testing::internal::GetCapturedStdout();
-    client.StopSock(); // the last one stays open until then
-    relay.Join();
-    EXPECT_EQ(nOpened, 9);
-    EXPECT_EQ(strPrinted.size(), 8 * std::string("Is same lan ...\n").size());
+    EXPECT_EQ(Connect(client, "127.77.1.5:3968").nResult, 0);
+    EXPECT_EQ(testing::internal::GetCapturedStdout(), "Is same lan ...\n");
+    EXPECT_TRUE(client.m_bLan);
 }
 
-/// A client whose request socket leads to a far end that the test holds.
-struct SRequests
+TEST(ConnectDB, RegistersWhereARedirectIsCutShortOrNamesNoLan)
 {
-    SRequests()
-    {
-        CLoopback listener;
-        EXPECT_TRUE(client.m_reqSock.Create());
-        EXPECT_TRUE(client.m_reqSock._Connect("127.0.0.1", listener.Port()));
-        listener.Accept(server);
-        client.m_reqSock.SetTimeOut(200);
+    CLoopback relay("127.77.1.6", CClientSock::RELAY_PORT);
+    const std::string strWhole = Redirect(1);
+    for (const std::string& strReply : {strWhole.substr(0, 9), std::string("7lan"), Redirect(1, "wan")}) {
+        relay.Run([&strReply](CLoopback& self) {
+            SServed served;
+            Serve(self, served, Ack(), 24, strReply);
+            served.WantEnds();
+        });
+        CClientSock client;
+        EXPECT_EQ(Connect(client, "p2p(127.77.1.6):s").nResult, 0);
+        EXPECT_FALSE(client.m_bLan);
+        client.StopSock();
+        relay.Join();
     }
+}
+
+TEST(ConnectDB, TakesNoRedirectFromAServerOnAnotherPort)
+{
+    CLoopback server;
+    server.Run([](CLoopback& self) {
+        SServed served;
+        Serve(self, served, Ack(), 16, Redirect(1));
+        served.WantEnds();
+    });
     CClientSock client;
-    CSyncSocket server;
+    EXPECT_EQ(Connect(client, server.Host()).nResult, 0);
+    EXPECT_FALSE(client.m_bLan);
+}
+
+/// Redirects its clients to itself as often as it is told, then to another address.
+class CRedirector
+{
+public:
+    CRedirector(const char* szIp, int nToItself, UINT nThenPort) : m_relay(szIp, CClientSock::RELAY_PORT)
+    {
+        m_relay.Run([this, szIp, nToItself, nThenPort](CLoopback& self) {
+            for (int i = 0; i <= nToItself; ++i) {
+                CSyncSocket req;
+                self.Accept(req);
+                WantScrambled(req, '7', i == 0 ? 24 : 23); // a redirect names no server
+                ++m_nOpened;
+                std::string reply = Redirect(i < nToItself ? CClientSock::RELAY_PORT : nThenPort);
+                if (i < nToItself) {
+                    const in_addr_t nIp = ::inet_addr(szIp);
+                    std::memcpy(&reply[4], &nIp, sizeof nIp);
+                }
+                Send(req, reply);
+                WantEnd(req);
+            }
+        });
+    }
+    int Opened()
+    {
+        m_relay.Join();
+        return m_nOpened;
+    }
+
+private:
+    CLoopback m_relay;
+    int m_nOpened = 0;
 };
 
-TEST(ReqSend, OfNothingSendsNothing)
+TEST(ConnectDB, FollowsEightRedirects)
 {
-    SRequests requests;
-    EXPECT_EQ(requests.client.ReqSend("x", 0), 0);
-    EXPECT_EQ(requests.client.ReqSend("x", -5), -5);
-    EXPECT_EQ(requests.client.ReqSend("ab", 2), 2);
-    requests.client.StopSock();
-    Want(requests.server, "ab");
-    WantEnd(requests.server);
-    EXPECT_EQ(requests.client.ReqSend("ab", 2), -1);
-}
-
-TEST(Exchange, ThrowsAwayWhatCameUnasked)
-{
-    SRequests requests;
-    Send(requests.server, std::string(5000, 'x'));
-    std::this_thread::sleep_for(std::chrono::milliseconds(30));
-    {
-        CExchange exchange(requests.client);
-        exchange.Succeed();
-    }
-    Send(requests.server, "answer");
-    std::array<char, 6> buf{};
-    EXPECT_TRUE(requests.client.ReqRecvAll(buf.data(), 6));
-    EXPECT_EQ(std::string_view(buf.data(), 6), "answer");
-}
-
-TEST(Exchange, WaitsOutTheRestOfOneThatEndedUnclean)
-{
-    SRequests requests;
-    {
-        const CExchange unclean(requests.client);
-    }
-    std::thread late([&] {
-        std::this_thread::sleep_for(std::chrono::milliseconds(15));
-        Send(requests.server, "late");
+    CLoopback direct;
+    direct.Run([](CLoopback& self) {
+        SServed served;
+        Serve(self, served, Ack());
+        served.WantEnds();
     });
-    {
-        CExchange exchange(requests.client);
-        exchange.Succeed();
-    }
-    late.join();
-    Send(requests.server, "new");
-    std::array<char, 3> buf{};
-    EXPECT_TRUE(requests.client.ReqRecvAll(buf.data(), 3));
-    EXPECT_EQ(std::string_view(buf.data(), 3), "new");
-}
-
-TEST(Exchange, EndsTheConnectionAfterATimeOut)
-{
-    SRequests requests;
-    {
-        const CExchange exchange(requests.client);
-        char ch = 0;
-        EXPECT_FALSE(requests.client.ReqRecvAll(&ch, 1));
-    }
-    EXPECT_FALSE(requests.client.m_reqSock.IsSocket());
-    WantEnd(requests.server);
-}
-
-TEST(Exchange, EndsTheConnectionOfAPeerThatNeverStopsTalking)
-{
-    SRequests requests;
-    requests.server.SetTimeOut(5000);
-    std::thread talker([&] {
-        const std::string noise(65536, 'x');
-        while (requests.server.SendAll(noise.data(), static_cast<int>(noise.size()))) {
-        }
-    });
-    for (int i = 0; i < 500 && requests.client.m_reqSock.IsSocket(); ++i) {
-        std::this_thread::sleep_for(std::chrono::milliseconds(10)); // the talker may have to begin yet
-        CExchange exchange(requests.client);
-        exchange.Succeed();
-    }
-    EXPECT_FALSE(requests.client.m_reqSock.IsSocket());
-    requests.client.StopSock();
-    talker.join();
-}
-
-TEST(GetPrjPath, TakesFourTextsAndNothingFromAnotherReply)
-{
-    SRequests requests;
-    std::thread server([&] {
-        Want(requests.server, "3");
-        Send(requests.server, std::string("3/p/\0/e/\0/a/\0/h/\0", 17));
-        Want(requests.server, "3");
-        Send(requests.server, std::string("4/x/\0/x/\0/x/\0/x/\0", 17));
-    });
-    CString strPrj;
-    CString strEvent;
-    CString strAlarm;
-    CString strHist;
-    EXPECT_TRUE(requests.client.GetPrjPath(strPrj, strEvent, strAlarm, strHist));
-    EXPECT_FALSE(requests.client.GetPrjPath(strPrj, strEvent, strAlarm, strHist));
-    EXPECT_EQ(strPrj + strEvent + strAlarm + strHist, "/p//e//a//h/");
-    server.join();
-}
-
-TEST(AfterConnect, AsksAServerOfThisMachineAndSaysWhenItHasNoPaths)
-{
-    SRequests requests;
-    std::thread server([&] {
-        Want(requests.server, "3");
-        Send(requests.server, "0");
-    });
-    requests.client.m_bLocalDB = true;
-    CString strErr;
-    EXPECT_FALSE(requests.client.AfterConnect("host", "demo", strErr));
-    EXPECT_EQ(strErr, "\xCE\xDE\xB7\xA8\xBB\xF1\xC8\xA1\xB9\xA4\xB3\xCC\xC2\xB7\xBE\xB6");
-    server.join();
-}
-
-TEST(AfterConnect, BuildsTheMirrorOnceAndKeepsWhatIsInIt)
-{
-    const std::string strHost = "unit:test:" + std::to_string(::getpid());
-    const fs::path root = std::string(RKDB_MIRROR_ROOT) + "unit_test_" + std::to_string(::getpid());
+    CRedirector relay("127.77.1.7", 7, direct.Port());
     CClientSock client;
-    client.m_bLocalDB = false;
-    CString strErr;
-    const mode_t nUmask = ::umask(0);
-    ASSERT_TRUE(client.AfterConnect(strHost.c_str(), "\xCA\xBE\xB7\xB6", strErr)); // 示范
-    ::umask(nUmask);
-    EXPECT_EQ(client.m_strPrjPath, root.string() + "/\xCA\xBE\xB7\xB6/");
-    const fs::path project = root / "示范";
-    for (const char* szDir : {"Window", "3DWnd", "Report", "CtmGph", "ScnDrv", "DBDrv", "Media", "SysCfg",
-                              "RecData", "ExtData", "RecData/Event", "RecData/Alarm2"})
-        EXPECT_EQ(fs::status(project / szDir).permissions(), fs::perms::owner_all) << szDir;
-    std::ofstream(project / "Media/kept") << "x";
-    EXPECT_TRUE(client.AfterConnect(strHost.c_str(), "\xCA\xBE\xB7\xB6", strErr));
-    EXPECT_TRUE(fs::exists(project / "Media/kept"));
-    fs::remove_all(root);
+    testing::internal::CaptureStdout();
+    EXPECT_EQ(Connect(client, "p2p(127.77.1.7):s").nResult, 0);
+    EXPECT_EQ(testing::internal::GetCapturedStdout().size(), 8 * std::string("Is same lan ...\n").size());
+    EXPECT_EQ(relay.Opened(), 8);
+}
+
+TEST(ConnectDB, FollowsNoNinthRedirect)
+{
+    CLoopback never;
+    CRedirector relay("127.77.1.2", 8, never.Port());
+    CClientSock client;
+    testing::internal::CaptureStdout();
+    EXPECT_EQ(Connect(client, "p2p(127.77.1.2):s").nResult, 1);
+    EXPECT_EQ(testing::internal::GetCapturedStdout().size(), 8 * std::string("Is same lan ...\n").size());
+    client.StopSock(); // the last one stays open until then
+    EXPECT_EQ(relay.Opened(), 9);
+    pollfd entry{never.Handle(), POLLIN, 0};
+    EXPECT_EQ(::poll(&entry, 1, 0), 0) << "somebody has followed it";
 }
 
 } // namespace

@@ -46,6 +46,37 @@ TEST_F(DrvInfo, ReadsRecordsOneBehindTheOther)
     EXPECT_EQ(map["B"].tagNum, 10);
 }
 
+TEST_F(DrvInfo, KeepsNamesAsTheirBytesAreAndInTheirOrder)
+{
+    Load(std::string("b\0\1\0\1\0\xC7\xFD\xB6\xAF\0\xFF\xFF\xFE\xFF"
+                     "B\0\2\0\3\0",
+                     21));
+    std::vector<std::string> names;
+    for (const auto& [strName, info] : map)
+        names.push_back(strName);
+    EXPECT_EQ(names, (std::vector<std::string>{"B", "b", "\xC7\xFD\xB6\xAF"})); // 驱动
+    EXPECT_EQ(map["\xC7\xFD\xB6\xAF"].id, 0xFFFF);
+    EXPECT_EQ(map["\xC7\xFD\xB6\xAF"].tagNum, 0xFFFE);
+}
+
+TEST_F(DrvInfo, IsReadFromAFolderWhoseNameIsInGb2312)
+{
+    fs::create_directories(dir + "/示范/RecData");
+    std::ofstream(dir + "/示范/RecData/drvinfo.dat", std::ios::binary) << std::string("A\0\0\0\5\0", 6);
+    LoadPrjDrvInfo(CString(dir + "/\xCA\xBE\xB7\xB6/"), map);
+    EXPECT_EQ(map.count("A"), 1U);
+}
+
+TEST_F(DrvInfo, CutAnywhereHoldsItsWholeRecordsOnly)
+{
+    const std::string strWhole("AB\0\0\0\5\0C\0\1\0\xA\0", 13);
+    for (size_t n = 0; n <= strWhole.size(); ++n) {
+        map.clear();
+        Load(strWhole.substr(0, n));
+        EXPECT_EQ(map.size(), n < 7 ? 0U : n < 13 ? 1U : 2U) << n;
+    }
+}
+
 TEST_F(DrvInfo, OfFourBytesIsEmptyAndOfFiveHoldsANamelessDriver)
 {
     Load(std::string(4, '\0'));

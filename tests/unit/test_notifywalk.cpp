@@ -1,9 +1,6 @@
-// The length of every system notification, whole and cut at every byte; and the alarm record.
+// The length of every system notification, whole and cut at every byte.
 #include "NotifyWalk.h"
 
-#include "RtAlarm.h"
-
-#include <array>
 #include <gtest/gtest.h>
 #include <map>
 #include <vector>
@@ -77,32 +74,6 @@ TEST(SysNotifyLength, StopsAtASubTypeThatNobodyKnows)
             EXPECT_EQ(SysNotifyLength(Notify(nSubType, 64), ONE_TAG), NOTIFY_STOP) << nSubType;
         }
     }
-}
-
-TEST(RtAlarm, LiesOnTheWireAsItsTableSays)
-{
-    const S2RtAlarm2 alarm{0x01020304, 0x05060708, 0x090A, 0x0B0C, 0x0D0E, 0x0F, 0x10, 1.0, -2.0};
-    std::array<BYTE, S2RtAlarm2::WIRE_SIZE> bytes{};
-    CWireWriter writer(bytes);
-    WriteRtAlarm(writer, alarm);
-    EXPECT_EQ(writer.Length(), S2RtAlarm2::WIRE_SIZE);
-    const std::array<BYTE, 32> wanted{4,    3,    2,    1,    8,    7, 6, 5, 0x0A, 9,   0x0C,
-                                      0x0B, 0x0E, 0x0D, 0x0F, 0x10, 0, 0, 0, 0,    0,   0,
-                                      0xF0, 0x3F, 0,    0,    0,    0, 0, 0, 0,    0xC0};
-    EXPECT_EQ(bytes, wanted);
-    CWireReader reader(bytes);
-    const S2RtAlarm2 back = ReadRtAlarm(reader);
-    EXPECT_FALSE(reader.IsBad());
-    EXPECT_EQ(reader.Left(), 0U);
-    EXPECT_EQ(back.almtm, alarm.almtm);
-    EXPECT_EQ(back.evttm, alarm.evttm);
-    EXPECT_EQ(back.tid, alarm.tid);
-    EXPECT_EQ(back.type, alarm.type);
-    EXPECT_EQ(back.grp, alarm.grp);
-    EXPECT_EQ(back.level, alarm.level);
-    EXPECT_EQ(back.status, alarm.status);
-    EXPECT_EQ(back.value, alarm.value);
-    EXPECT_EQ(back.limit, alarm.limit);
 }
 
 } // namespace

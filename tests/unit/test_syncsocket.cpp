@@ -1,7 +1,6 @@
 // Sockets: lengths, time-outs, signals, options, and closing beside a running call.
 #include "SyncSocket.h"
 
-#include "disturbed_call.h"
 #include "loopback.h"
 
 #include <array>
@@ -143,6 +142,21 @@ TEST(SyncSocket, DescriptorZeroIsNoSocketButIsClosedInTheEnd)
     ::close(hKeep);
 }
 
+TEST(SyncSocket, CreateMakesASocketAlsoWithoutStandardInput)
+{
+    const int hKeep = ::dup(0);
+    ::close(0); // the next number that the system gives is 0
+    {
+        CSyncSocket sock;
+        EXPECT_TRUE(sock.Create());
+        EXPECT_TRUE(sock.IsSocket());
+        EXPECT_TRUE(::fcntl(sock.GetHandle(), F_GETFD) & FD_CLOEXEC);
+        EXPECT_EQ(::fcntl(0, F_GETFD), -1) << "a second number for it";
+    }
+    ::dup2(hKeep, 0);
+    ::close(hKeep);
+}
+
 TEST(SyncSocket, OnlyRequestsStampTheTime)
 {
     SPair pair;
@@ -163,107 +177,6 @@ TEST(SyncSocket, AReceiveEndsByItsTimeOutAndSaysSo)
     EXPECT_FALSE(pair.client.HasTimedOut()) << "not waiting is no time-out";
     EXPECT_EQ(pair.client._Recv(&ch, 1), -1);
     EXPECT_TRUE(pair.client.HasTimedOut());
-}
-
-TEST(SyncSocket, SignalsNeitherFailAReceiveNorStretchItsTimeOut)
-{
-    SPair pair;
-    ASSERT_TRUE(pair.client.SetTimeOut(400));
-    std::array<char, 4> buf{};
-    bool bDone = false;
-    CDisturbedCall whole([&] { bDone = pair.client.RecvAll(buf.data(), 4); });
-    EXPECT_TRUE(whole.Disturb(10));
-    Send(pair.server, "ab");
-    EXPECT_TRUE(whole.Disturb(10));
-    Send(pair.server, "cd");
-    whole.Join();
-    EXPECT_TRUE(bDone);
-
-    const auto begin = Clock::now();
-    int nResult = 0;
-    CDisturbedCall silent([&] { nResult = pair.client._Recv(buf.data(), 4); });
-    while (silent.Disturb(10) && Clock::now() - begin < std::chrono::seconds(5)) {
-    }
-    silent.Join();
-    EXPECT_EQ(nResult, -1);
-    EXPECT_GE(Clock::now() - begin, milliseconds(390));
-    EXPECT_LT(Clock::now() - begin, std::chrono::seconds(4)) << "each signal began the wait anew";
-    EXPECT_TRUE(pair.client.HasTimedOut());
-}
-
-TEST(SyncSocket, SignalsDoNotCutASendShort)
-{
-    SPair pair;
-    const std::string big(8 << 20, 'x');
-    int nSent = 0;
-    CDisturbedCall call([&] { nSent = pair.client._Send(big.data(), static_cast<int>(big.size())); });
-    EXPECT_TRUE(call.Disturb(10)) << "the buffers must be full while the peer does not read";
-    std::string got(big.size(), '\0');
-    EXPECT_TRUE(pair.server.RecvAll(got.data(), static_cast<int>(got.size())));
-    call.Join();
-    EXPECT_EQ(nSent, static_cast<int>(big.size()));
-    EXPECT_EQ(got, big);
-}
-
-TEST(SyncSocket, ConnectingToAHostThatNeverAnswersEndsInTime)
-{
-    CSyncSocket listener;
-    ASSERT_TRUE(listener.Create(0, SOCK_STREAM, "127.0.0.1", 1));
-    ASSERT_TRUE(listener.Listen(0));
-    sockaddr_in addr{};
-    socklen_t nLen = sizeof addr;
-    ::getsockname(listener.GetHandle(), reinterpret_cast<sockaddr*>(&addr), &nLen);
-    std::array<CSyncSocket, 8> fillers; // a full backlog answers no more
-    bool bExpired = false;
-    for (CSyncSocket& filler : fillers) {
-        ASSERT_TRUE(filler.Create());
-        filler.SetConnectTimeOut(150);
-        const auto begin = Clock::now();
-        if (!filler._Connect("127.0.0.1", ntohs(addr.sin_port))) {
-            bExpired = true;
-            EXPECT_GE(Clock::now() - begin, milliseconds(150));
-            EXPECT_LT(Clock::now() - begin, std::chrono::seconds(5));
-            break;
-        }
-    }
-    EXPECT_TRUE(bExpired);
-}
-
-TEST(SyncSocket, ClosingBesideARunningCallWakesItAndClosesTheNumberAfterIt)
-{
-    SPair pair;
-    const SOCKET hSocket = pair.client.GetHandle();
-    int nResult = 99;
-    std::thread reader([&] {
-        char ch = 0;
-        nResult = pair.client._Recv(&ch, 1);
-    });
-    std::this_thread::sleep_for(milliseconds(50)); // it waits inside recv now
-    pair.client.ShutDown();
-    pair.client.Close();
-    EXPECT_EQ(pair.client.GetHandle(), -1);
-    reader.join();
-    EXPECT_EQ(nResult, 0);
-    EXPECT_EQ(::fcntl(hSocket, F_GETFD), -1) << "the last call to leave closes the number";
-    pair.client.Close();
-    EXPECT_EQ(pair.client._Send("x", 1), -1);
-}
-
-TEST(SyncSocket, ANumberUnderACallIsNotReused)
-{
-    SPair pair;
-    const SOCKET hSocket = pair.client.GetHandle();
-    ASSERT_TRUE(pair.client.SetTimeOut(300));
-    std::thread reader([&] {
-        char ch = 0;
-        pair.client._Recv(&ch, 1);
-    });
-    std::this_thread::sleep_for(milliseconds(50));
-    pair.client.Close(); // without waking the reader
-    const int hOther = ::open("/dev/null", O_RDONLY | O_CLOEXEC);
-    EXPECT_NE(hOther, hSocket);
-    ::close(hOther);
-    reader.join();
 }
 
 TEST(SyncSocket, AForkedCopyIsClosedWithoutAWordToThePeer)
