@@ -16,6 +16,10 @@ from peer import Peer
 
 I4, STR = wire.VT_I4, wire.VT_STR
 
+# How many times fewer changes sanitized code gets. The address sanitizer looks at the whole stack at each of the
+# interpreter's allocations, so that leaks of the interpreter's objects are seen.
+SLOWER = {"asan": 20, "tsan": 4}.get(os.environ.get("RKDB_PRESET", ""), 1)
+
 HEAD = """
 import contextlib, functools, gc, os, sys, threading, time, warnings, weakref
 from pathlib import Path

@@ -154,11 +154,13 @@ def test_a_text_that_is_not_utf_8_is_reported_and_the_stream_goes_on(
 
 def test_a_tag_that_was_read_and_not_subscribed_has_changes_too(serve: Serve) -> None:
     session = serve(
-        d.looking_up(["A"], [5]) + d.reading_numbers([5], [7]) + push(change(5, I4, 8)),
+        d.looking_up(["A"], [5]) + d.reading_numbers([5], [7]),
+        d.wait("read") + push(change(5, I4, 8)),
         d.reading_numbers([5], [9]),
     )
     changes = watch(session)
     assert read(session.boiler, "A") == 7
+    session.peer.go("read")
     arrived(changes, [("Boiler", "A", 8)])
     assert read(session.boiler, "A") == 9  # not subscribed, so the server is asked
 

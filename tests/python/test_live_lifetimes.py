@@ -15,7 +15,7 @@ import pytest
 import wire
 from conftest import Play, passes_alone, run_alone
 from live_peer import Mixed
-from live_script import HEAD, STORM, SUBSCRIBE, SUBSCRIBED, changes, forks, go, passes_unwatched, peer_of, runs
+from live_script import HEAD, SLOWER, STORM, SUBSCRIBE, SUBSCRIBED, changes, forks, go, passes_unwatched, peer_of, runs
 from live_wire import Alarm, alarm_notification, push, registering_alarms
 
 # Dropping a connection.
@@ -295,7 +295,7 @@ else:
     forks(play, project, script, SUBSCRIBED, go("go1"), changes(1, 2))
 
 
-ROUNDS = 1500 if os.environ.get("RKDB_PRESET") in ("asan", "tsan") else 5000
+ROUNDS = 5000 // SLOWER
 LISTEN = f"""
 from live_peer import Mixed
 stream = Mixed({ROUNDS})

@@ -1,6 +1,7 @@
 """Endless streams of changes: complete, in order and correct, whatever the script does meanwhile.
 
-RKDB_STORM is the number of changes of the longest one (300,000 if not set). The clients run in processes of their own.
+RKDB_STORM is the number of changes of the longest one (300,000 if not set, fewer with sanitized code). The clients
+run in processes of their own.
 """
 
 from __future__ import annotations
@@ -15,9 +16,11 @@ import pytest
 import wire
 from conftest import Play, passes_alone
 from live_peer import Cut, Mixed, Sane
+from live_script import SLOWER
 
-CHANGES = int(os.environ.get("RKDB_STORM") or 300_000)
-SLOWEST = 5_000  # changes a second, on a loaded machine with sanitized code
+CHANGES = int(os.environ.get("RKDB_STORM") or 300_000 // SLOWER)
+OTHERS = 10_000 // SLOWER  # rounds of the other ones
+SLOWEST = 5_000 // SLOWER  # changes a second, on a loaded machine
 
 # Arguments: host, number of rounds. Every change is compared with the one that must come next.
 HEAD = """
@@ -88,11 +91,11 @@ def test_an_endless_stream_of_mixed_changes_arrives_complete_in_order_and_correc
 
 @pytest.mark.parametrize("longest", [7, 50, 3000])
 def test_a_stream_in_segments_that_end_anywhere_arrives_complete(play: Play, project: str, longest: int) -> None:
-    storm(play, project, 20 * longest if longest < 100 else 5_000, longest=longest)
+    storm(play, project, OTHERS // 10 if longest < 100 else OTHERS // 2, longest=longest)
 
 
 def test_a_stream_beside_a_busy_script_arrives_complete(play: Play, project: str) -> None:
-    storm(play, project, 10_000, "while not done.is_set():\n    sum(range(5000))\n")
+    storm(play, project, OTHERS, "while not done.is_set():\n    sum(range(5000))\n")
 
 
 def test_a_stream_beside_a_script_that_reads_and_writes_arrives_complete(play: Play, project: str) -> None:
@@ -106,7 +109,7 @@ while not done.is_set():
     core.GetDriver("Boiler")
     time.sleep(0)
 """
-    storm(play, project, 10_000, meanwhile)
+    storm(play, project, OTHERS, meanwhile)
 
 
 def test_a_stream_beside_other_threads_of_the_script_arrives_complete(play: Play, project: str) -> None:
@@ -123,7 +126,7 @@ for thread in threads:
 for thread in threads:
     thread.join()
 """
-    storm(play, project, 10_000, meanwhile)
+    storm(play, project, OTHERS, meanwhile)
 
 
 READ_SANE = """
@@ -160,7 +163,7 @@ assert len(distinct) > 10, distinct
 
 @pytest.mark.parametrize("told", ["called", "stored"])
 def test_a_read_during_a_storm_sees_only_values_that_were_sent(play: Play, project: str, told: str) -> None:
-    stream = Sane(100_000)
+    stream = Sane(10 * OTHERS)
     peer = play(
         d.connecting(project)
         + w.subscribing_kinds([*stream.KINDS, wire.VT_I4])

@@ -2,7 +2,7 @@
 
 Each script measures itself twice, after a warm-up and at its end, in quiet moments: what the kernel has given to the
 process, what malloc and the interpreter have given out, and reference counts.
-RKDB_MEMORY is the number of callbacks of the longest ones (1,000,000 if not set; a tenth with sanitized code).
+RKDB_MEMORY is the number of callbacks of the longest ones (1,000,000 if not set, fewer with sanitized code).
 """
 
 from __future__ import annotations
@@ -15,13 +15,12 @@ import pytest
 import wire
 from conftest import Play, passes_alone
 from live_peer import Mixed, Same
-from live_script import HEAD, go, peer_of
+from live_script import HEAD, SLOWER, go, peer_of
 from live_wire import Alarm, alarm_notification, registering_alarms
 
-SANITIZED = os.environ.get("RKDB_PRESET") in ("asan", "tsan")
-CALLS = int(os.environ.get("RKDB_MEMORY") or (100_000 if SANITIZED else 1_000_000))
+CALLS = int(os.environ.get("RKDB_MEMORY") or 1_000_000 // SLOWER)
 FEWER = CALLS // 10
-WARM_UP = 60_000
+WARM_UP = 60_000 // SLOWER
 
 MEASURE = """
 import ctypes
@@ -227,7 +226,7 @@ work(rounds)
 compare(before, measure(), rounds)
 """
     peer = play(d.connecting(project, rights=w.MAY_WRITE) + registering_alarms() + w.subscribing_kinds(Mixed.KINDS))
-    passes_alone(HEAD + MEASURE + script, peer.host, "2000" if SANITIZED else "10000", timeout=80)
+    passes_alone(HEAD + MEASURE + script, peer.host, str(10_000 // SLOWER), timeout=80)
 
 
 LIVE_ROUND = """
