@@ -1,39 +1,74 @@
-// Texts and files of a mirror: conversions there and back, tokens, the driver directory.
-#include "DrvInfo.h"
+// Text from outside: conversions there and back, and tokens.
 #include "cstring.h"
 #include "fuzz.h"
 
 #include <memory>
+#include <vector>
 
-int LLVMFuzzerTestOneInput(const BYTE* pData, size_t nSize)
+namespace {
+
+/// What can be converted comes back as it was, and what follows it cuts the result.
+void CheckUtf8(const std::string& strInput)
 {
-    const std::string strInput(reinterpret_cast<const char*>(pData), nSize);
     CString strGb;
     strGb.FromUtf8(strInput.data(), strInput.size());
     CString strUtf8;
     strGb.ToUtf8(strUtf8);
-    FUZZ_CHECK(strInput.compare(0, strUtf8.size(), strUtf8) == 0); // what could be converted comes back
-    CString strAny(strInput);
-    CString strOther;
-    strAny.ToUtf8(strOther);
+    FUZZ_CHECK(strInput.compare(0, strUtf8.size(), strUtf8) == 0);
+    FUZZ_CHECK(strUtf8.empty() == strGb.empty() && strUtf8.size() >= strGb.size());
+}
+
+void CheckGb(const CString& strInput)
+{
+    CString strUtf8;
+    strInput.ToUtf8(strUtf8);
+    CString strBack;
+    strBack.FromUtf8(strUtf8.data(), strUtf8.size());
+    FUZZ_CHECK(strInput.compare(0, strBack.size(), strBack) == 0);
+
     size_t nUnits = 0;
-    const std::unique_ptr<WORD[]> units(ToUtf16(strAny.c_str(), nUnits, 0));
-    FUZZ_CHECK(nUnits <= std::char_traits<char>::length(strAny.c_str()));
-
-    size_t nTokens = 0;
-    int iStart = 0;
-    for (CString strToken = strAny.Tokenize(",", iStart); iStart != -1;
-         strToken = strAny.Tokenize(",", iStart)) {
-        FUZZ_CHECK(!strToken.empty() || strAny.find('\0') != std::string::npos);
-        if (strToken.empty() || ++nTokens > nSize)
-            break;
+    const std::unique_ptr<WORD[]> units(strInput.ToUtf16(nUnits));
+    const CString strText(strInput.c_str()); // the conversion ends at a NUL
+    if (units) {
+        FUZZ_CHECK(CString(units.get(), nUnits) == strText);
+    } else {
+        FUZZ_CHECK(nUnits == 0);
+        FUZZ_CHECK(CT2UTF8(CUTF82T(CT2UTF8(strText))) == CT2UTF8(strText));
     }
-    FUZZ_CHECK(nTokens <= nSize);
+}
 
-    CWireReader reader({pData, nSize});
-    size_t nRead = 0;
-    while (const auto record = ReadDrvInfo(reader))
-        nRead += record->first.size() + 5;
-    FUZZ_CHECK(nRead <= nSize);
+std::vector<std::string> SplitAgain(const std::string& strText, const std::string& strSet)
+{
+    std::vector<std::string> tokens(1);
+    for (const char ch : strText) {
+        if (strSet.find(ch) != std::string::npos)
+            tokens.emplace_back();
+        else
+            tokens.back() += ch;
+    }
+    std::erase(tokens, "");
+    return tokens;
+}
+
+void CheckTokens(const CString& strText, const char* szSet)
+{
+    std::vector<std::string> tokens;
+    int iStart = 0;
+    for (CString strToken = strText.Tokenize(szSet, iStart); iStart != -1;
+         strToken = strText.Tokenize(szSet, iStart))
+        tokens.push_back(strToken);
+    FUZZ_CHECK(tokens == SplitAgain(strText, szSet));
+}
+
+} // namespace
+
+int LLVMFuzzerTestOneInput(const BYTE* pData, size_t nSize)
+{
+    const std::string strInput(reinterpret_cast<const char*>(pData), nSize);
+    CheckUtf8(strInput);
+    CheckGb(CString(strInput));
+    // Names come as C strings: nothing stands behind a NUL.
+    for (const char* szSet : {",", ", \t\r\n"})
+        CheckTokens(CString(strInput.c_str()), szSet);
     return 0;
 }

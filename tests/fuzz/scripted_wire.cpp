@@ -1,0 +1,154 @@
+// The calls that the linker leads here, and the script behind them.
+#include "scripted_wire.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <poll.h>
+#include <sys/socket.h>
+#include <time.h>
+
+namespace {
+
+CScriptedWire* g_pCurrent = nullptr;
+
+CScriptedWire::SChannel* ChannelOf(int fd)
+{
+    return g_pCurrent ? g_pCurrent->Find(fd) : nullptr;
+}
+
+} // namespace
+
+// The names are those that --wrap asks for.
+extern "C" {
+int __real_connect(int fd, const sockaddr* pAddr, socklen_t nLen);
+int __real_nanosleep(const timespec* pTime, timespec* pLeft);
+int __real_poll(pollfd* pEntries, nfds_t nEntries, int nMs);
+ssize_t __real_recv(int fd, void* pBuf, size_t nLen, int nFlags);
+ssize_t __real_send(int fd, const void* pBuf, size_t nLen, int nFlags);
+
+int __wrap_connect(int fd, const sockaddr* pAddr, socklen_t nLen)
+{
+    if (!g_pCurrent)
+        return __real_connect(fd, pAddr, nLen);
+    sockaddr_in addr{};
+    FUZZ_CHECK(nLen == sizeof addr);
+    std::memcpy(&addr, pAddr, sizeof addr);
+    g_pCurrent->Connect(fd, addr);
+    return 0;
+}
+
+/// Pauses between steps are for a peer, and there is none.
+int __wrap_nanosleep(const timespec* pTime, timespec* pLeft)
+{
+    return g_pCurrent ? 0 : __real_nanosleep(pTime, pLeft);
+}
+
+int __wrap_poll(pollfd* pEntries, nfds_t nEntries, int nMs)
+{
+    const auto* pChannel = nEntries == 1 ? ChannelOf(pEntries->fd) : nullptr;
+    if (!pChannel)
+        return __real_poll(pEntries, nEntries, nMs);
+    const bool bIn = (pEntries->events & POLLIN) && g_pCurrent->IsReadable(*pChannel);
+    const bool bOut = pEntries->events & POLLOUT;
+    pEntries->revents = static_cast<short>((bIn ? POLLIN : 0) | (bOut ? POLLOUT : 0));
+    return bIn || bOut ? 1 : 0;
+}
+
+ssize_t __wrap_recv(int fd, void* pBuf, size_t nLen, int nFlags)
+{
+    auto* pChannel = ChannelOf(fd);
+    return pChannel ? g_pCurrent->Receive(*pChannel, pBuf, nLen) : __real_recv(fd, pBuf, nLen, nFlags);
+}
+
+ssize_t __wrap_send(int fd, const void* pBuf, size_t nLen, int nFlags)
+{
+    auto* pChannel = ChannelOf(fd);
+    return pChannel ? g_pCurrent->Send(*pChannel, pBuf, nLen) : __real_send(fd, pBuf, nLen, nFlags);
+}
+}
+
+BYTE CInput::Byte()
+{
+    if (m_left.empty())
+        return 0;
+    const BYTE n = m_left[0];
+    m_left = m_left.subspan(1);
+    return n;
+}
+
+std::span<const BYTE> CInput::Segment()
+{
+    const size_t nLow = Byte();
+    const size_t nLen = std::min(nLow | size_t{Byte()} << 8, m_left.size());
+    const auto segment = m_left.first(nLen);
+    m_left = m_left.subspan(nLen);
+    return segment;
+}
+
+CScriptedWire MakeWire(BYTE nControl)
+{
+    const auto eEnd = nControl & 0x80 ? CScriptedWire::EEnd::Closed : CScriptedWire::EEnd::Silence;
+    return CScriptedWire(nControl & 0x7F, eEnd);
+}
+
+CScriptedWire::CScriptedWire(size_t nPiece, EEnd eEnd) : m_nPiece(nPiece), m_eEnd(eEnd)
+{
+    FUZZ_CHECK(!g_pCurrent);
+    g_pCurrent = this;
+}
+
+CScriptedWire::~CScriptedWire()
+{
+    g_pCurrent = nullptr;
+}
+
+CScriptedWire::SChannel* CScriptedWire::Find(int fd)
+{
+    const auto it = m_channels.find(fd);
+    return it != m_channels.end() ? &it->second : nullptr;
+}
+
+void CScriptedWire::Reply(std::span<const BYTE> bytes)
+{
+    m_replies.emplace_back(bytes.begin(), bytes.end());
+}
+
+void CScriptedWire::Connect(int fd, const sockaddr_in& addr)
+{
+    m_connected.push_back(addr);
+    Open(fd);
+}
+
+size_t CScriptedWire::Piece(size_t nLen, size_t nHave) const
+{
+    return std::min({nLen, nHave, m_nPiece > 0 ? m_nPiece : nLen});
+}
+
+ssize_t CScriptedWire::Receive(SChannel& channel, void* pBuf, size_t nLen) const
+{
+    if (channel.incoming.empty()) {
+        errno = EAGAIN;
+        return m_eEnd == EEnd::Closed ? 0 : -1;
+    }
+    const auto nGot = static_cast<std::ptrdiff_t>(Piece(nLen, channel.incoming.size()));
+    std::copy_n(channel.incoming.begin(), nGot, static_cast<BYTE*>(pBuf));
+    channel.incoming.erase(channel.incoming.begin(), channel.incoming.begin() + nGot);
+    return nGot;
+}
+
+ssize_t CScriptedWire::Send(SChannel& channel, const void* pBuf, size_t nLen)
+{
+    const auto* pFrom = static_cast<const BYTE*>(pBuf);
+    channel.sent.insert(channel.sent.end(), pFrom, pFrom + nLen);
+    if (m_nReplied < m_replies.size()) {
+        const auto& reply = m_replies[m_nReplied++];
+        channel.incoming.insert(channel.incoming.end(), reply.begin(), reply.end());
+    }
+    return static_cast<ssize_t>(nLen);
+}
+
+bool CScriptedWire::IsReadable(const SChannel& channel) const
+{
+    return !channel.incoming.empty() || m_eEnd == EEnd::Closed;
+}
