@@ -144,21 +144,19 @@ std::vector<const XVariant*> CConversation::Values(const std::vector<STagRef>& t
 void CConversation::On(const SReadRequest& request)
 {
     for (const Bytes& block : EncodeRead(Values(request.tags), m_services.project.server.nBlockSize))
-        Reply(
-            block,
-            [&] {
-                return fmt::format("{} bytes of values{}", block.size() - READ_BLOCK_HEAD,
-                                   block[1] ? ", more follow" : "");
-            },
-            READ_BLOCK_HEAD);
+        ReplyBlock(block, READ_BLOCK_HEAD);
+}
+
+void CConversation::ReplyBlock(const Bytes& block, size_t nHead)
+{
+    Reply(
+        block, [&] { return DescribeValues(std::span<const BYTE>(block).subspan(nHead)); }, nHead);
 }
 
 void CConversation::On(const SAdviseRequest& request)
 {
     for (const Bytes& block : EncodeAdvised(Values(request.tags), m_services.project.server.nBlockSize))
-        Reply(
-            block, [&] { return fmt::format("{} bytes of values", block.size() - ADVISE_BLOCK_HEAD); },
-            ADVISE_BLOCK_HEAD);
+        ReplyBlock(block, ADVISE_BLOCK_HEAD);
     for (const STagRef tag : request.tags)
         m_services.notifier.Subscribe(m_client, tag);
     // A change says nothing of its type. It must not overtake the reply, which does, on the other connection.

@@ -45,6 +45,7 @@ private:
     void On(const SAlarmsRequest&);
 
     std::vector<const XVariant*> Values(const std::vector<STagRef>& tags) const;
+    void ReplyBlock(const Bytes& block, size_t nHead);
     void Reply(const Bytes& bytes, const CTrace::FnMeaning& fnMeaning, size_t nWhole = CChannel::WHOLE);
 
     const SServices& m_services;

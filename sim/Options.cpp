@@ -38,27 +38,33 @@ constexpr const char* FOOTER =
 
 void AddOptions(CLI::App& app, SOptions& options, bool& bQuiet)
 {
-    const auto ipv4 = CLI::ValidIPV4;
     app.add_option("PROJECT", options.strProject,
-                   "Project file (TOML). None: the built-in demonstration project");
+                   "Project file (TOML). None: the built-in demonstration project")
+        ->type_name("");
     app.add_option("--host", options.strHost, "IPv4 address to listen on, 0.0.0.0 for all")
-        ->check(ipv4)
+        ->type_name("ADDRESS")
+        ->check(CLI::ValidIPV4)
         ->capture_default_str();
     app.add_option("--port", options.nPort, "Port to listen on; 0 lets the system choose")
+        ->type_name("PORT")
         ->capture_default_str();
     app.add_flag(
-           "--relay{3968}", options.nRelayPort,
-           "Be a relay centre too, on port 3968 or, as --relay=PORT, on another (0: the system chooses)")
-        ->type_name("[=PORT]");
+        "--relay{3968}", options.nRelayPort,
+        "Be a relay centre too, on port 3968 or, as --relay=PORT, on another (0: the system chooses)");
     app.add_option("--relay-host", options.strRelayHost,
                    "IPv4 address of the relay centre (default: as --host)")
-        ->check(ipv4);
+        ->type_name("ADDRESS")
+        ->check(CLI::ValidIPV4);
     app.add_flag("--check", options.bCheck, "Only check the project file");
     app.add_flag("--trace", options.bTrace, "Print each message in hex, with its meaning, to the log");
     app.add_option("--trace-bytes", options.nTraceBytes, "Bytes shown of a traced message, 0 for all")
+        ->type_name("N")
         ->capture_default_str();
-    app.add_option("--seed", options.nSeed, "Seed of the random motions")->capture_default_str();
+    app.add_option("--seed", options.nSeed, "Seed of the random motions")
+        ->type_name("N")
+        ->capture_default_str();
     app.add_option("--log-level", options.strLogLevel, "Least severe messages logged")
+        ->type_name("LEVEL")
         ->check(CLI::IsMember({"debug", "info", "warn", "error"}))
         ->capture_default_str();
     app.add_flag("--quiet", bQuiet, "Log warnings and errors only");

@@ -212,7 +212,9 @@ void CSession::Register(const SRegisterRequest& request, std::span<const BYTE> w
     spdlog::info("{}: receive connection of {}, host {}", m_strName, m_pClient->strName,
                  ShowUtf8(request.strHost));
     m_strName = m_pClient->strName + " push";
-    Send(EncodeRegistered(MakeRegisterReply()), "registered, project " + Show(m_services.project.strName));
+    const SRegisterReply reply = MakeRegisterReply();
+    Send(EncodeRegistered(reply), fmt::format("registered, project {}, driver directory of {} bytes, time {}",
+                                              Show(reply.strProject), reply.difSize, reply.difTime));
 }
 
 SRegisterReply CSession::MakeRegisterReply() const

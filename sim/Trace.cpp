@@ -43,6 +43,20 @@ size_t CharLength(std::string_view text)
     return bDouble ? 2 : 0;
 }
 
+/// The length of the printable UTF-8 character at the start of text, or 0.
+size_t Utf8Length(std::string_view text)
+{
+    const auto first = static_cast<BYTE>(text[0]);
+    if (first < 0x80)
+        return first >= 0x20 && first != 0x7F;
+    const size_t nLen = first >= 0xF0 ? 4 : first >= 0xE0 ? 3 : 2;
+    if (first < 0xC2 || first > 0xF4 || text.size() < nLen)
+        return 0;
+    const bool bWhole = std::all_of(text.begin() + 1, text.begin() + static_cast<std::ptrdiff_t>(nLen),
+                                    [](char ch) { return (static_cast<BYTE>(ch) & 0xC0) == 0x80; });
+    return bWhole ? nLen : 0;
+}
+
 struct SDescribe
 {
     const CPlant& plant;
@@ -114,8 +128,11 @@ std::string Show(std::string_view text)
 std::string ShowUtf8(std::string_view text)
 {
     std::string shown = "\"";
-    for (const char ch : text)
-        shown += (static_cast<BYTE>(ch) < 0x20 || ch == 0x7F) ? Escaped(ch) : std::string(1, ch);
+    while (!text.empty()) {
+        const size_t nLen = Utf8Length(text);
+        shown += nLen ? std::string(text.substr(0, nLen)) : Escaped(text[0]);
+        text.remove_prefix(std::max<size_t>(nLen, 1));
+    }
     return shown + "\"";
 }
 
@@ -139,6 +156,16 @@ std::string ShowTag(const CPlant& plant, STagRef tag)
 std::string Describe(const CPlant& plant, const Request& request)
 {
     return std::visit(SDescribe{plant}, request);
+}
+
+std::string DescribeValues(std::span<const BYTE> payload)
+{
+    std::vector<XVariant> values;
+    while (!payload.empty()) {
+        const auto nSize = values.emplace_back().FromBytes(payload, true);
+        payload = payload.subspan(nSize.value_or(payload.size()));
+    }
+    return "values " + List(values, [](const XVariant& value) { return Show(value); });
 }
 
 std::string DescribeChange(const CPlant& plant, STagRef tag)

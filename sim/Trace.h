@@ -45,6 +45,8 @@ std::string Show(const XVariant& value);
 std::string ShowTag(const CPlant& plant, STagRef tag);
 
 std::string Describe(const CPlant& plant, const Request& request);
+/// The values, with type words, of a block's payload.
+std::string DescribeValues(std::span<const BYTE> payload);
 std::string DescribeChange(const CPlant& plant, STagRef tag);
 std::string DescribeAlarm(const SProject& project, const SAlarmNews& news);
 std::string Describe(const SFileHeader& header);

@@ -389,7 +389,7 @@ def test_the_trace_shows_each_message_in_hex_with_its_meaning(rkdbsim_path: Path
             client.ask.send(b"L\0\0" + "文字".encode("gb2312") + b"\0\0\0X\x01\xff\0")
             client.ask.want(b"L\x01\0\0\0\xff\xff\0\0")
             client.advise([(0, 0)])
-            client.write(((0, 0), typed(3, 258)), ((0, 1), typed(8, "好\n")))
+            client.write(((0, 0), typed(3, 258)), ((0, 1), b"\x08\0" + "好\n".encode() + b"\xe5\xa5\xff\x80\0"))
             client.hear.take(8)
             client.alarms()
             client.header("RecData/none")
@@ -403,8 +403,8 @@ def test_the_trace_shows_each_message_in_hex_with_its_meaning(rkdbsim_path: Path
         "<- #1: where is 0/文字, 0/X\\x01\\xFF? | 4C 00 00 CE C4 D7 D6 00 00 00 58 01 FF 00\n",
         "-> #1: positions 1, 65535 | 4C 01 00 00 00 FF FF 00 00\n",
         "<- #1: subscribe D/T | 62 01 00 00 00 00 00 00\n",
-        "-> #1: 6 bytes of values | 62 06 00 03 00 01 00 00 00\n",
-        '<- #1: write D/T = 258, D/文字 = "好\\x0A" | 67 02 00 ',
+        "-> #1: values 1 | 62 06 00 03 00 01 00 00 00\n",
+        '<- #1: write D/T = 258, D/文字 = "好\\x0A\\xE5\\xA5\\xFF\\x80" | 67 02 00 ',
         "-> #1 push: change of D/T: 258 | 00 00 00 00 02 01 00 00\n",
         "<- #1: register for alarms | 6E\n",
         "-> #1: 0 active alarms | 6E 00 00\n",
