@@ -1,6 +1,7 @@
 // The download exchange of DownFile.h.
 #include "DownFile.h"
 
+#include "Silence.h"
 #include "XFile.h"
 
 #include <algorithm>
@@ -26,7 +27,6 @@ constexpr int PROP_MAX = 255;
 constexpr UINT TIME_TOLERANCE = 3; // seconds either way
 constexpr int OPEN_REPLACE = O_WRONLY | O_CREAT | O_TRUNC;
 constexpr int OPEN_APPEND = O_WRONLY | O_CREAT;
-constexpr long DEFAULT_SILENCE = 8000; // ms, for a socket that has no time-out of its own
 constexpr auto SILENCE_STEP = std::chrono::milliseconds(10);
 
 /// The acknowledged window: large at first so that most files need no acknowledgement, then ever smaller.
@@ -117,35 +117,6 @@ void SendHello(CSyncSocket& sock, char nCode, int nTotal)
     static_cast<void>(sock._Send(text.data(), nLen + 1, 0));
 }
 
-/// Waits out results of 0: they are no end of the transfer, but neither may they last for ever.
-class CSilence
-{
-public:
-    explicit CSilence(const CSyncSocket& sock)
-    {
-        long nMs = 0;
-        if (!sock.GetRecvTimeOut(nMs) || nMs <= 0)
-            nMs = DEFAULT_SILENCE;
-        m_limit = std::chrono::milliseconds(nMs);
-    }
-
-    void Heard() { m_since.reset(); }
-    bool Pause()
-    {
-        const auto now = std::chrono::steady_clock::now();
-        if (!m_since)
-            m_since = now;
-        if (now - *m_since >= m_limit)
-            return false;
-        std::this_thread::sleep_for(SILENCE_STEP);
-        return true;
-    }
-
-private:
-    std::chrono::milliseconds m_limit{};
-    std::optional<std::chrono::steady_clock::time_point> m_since;
-};
-
 struct SBody
 {
     CSyncSocket& sock;
@@ -165,10 +136,12 @@ std::optional<int> ReceiveBody(const SBody& body, CWindow window, uint64_t nRema
             window.Next();
         }
         const int nGot = body.sock._Recv(chunk.data(), window.Want(), 0);
-        if (nGot < 0 || (nGot == 0 && !silence.Pause()))
+        if (nGot < 0 || (nGot == 0 && silence.TooLong()))
             return std::nullopt;
-        if (nGot == 0)
+        if (nGot == 0) {
+            std::this_thread::sleep_for(SILENCE_STEP);
             continue;
+        }
         silence.Heard();
         body.file.Write(chunk.data(), static_cast<UINT>(nGot));
         if (nRemaining <= static_cast<uint64_t>(nGot)) {

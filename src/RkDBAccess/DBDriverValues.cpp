@@ -12,6 +12,7 @@
 //   'b'  offset 0: 'b', 1: length (2), 3: values
 #include "DBCore.h"
 #include "DBDriver.h"
+#include "Silence.h"
 
 #include <array>
 #include <bit>
@@ -193,8 +194,7 @@ CDBDriver::EBlocks CDBDriver::ReadBlocks(CDBCore& core, const TagSlots& wanted)
 {
     Block block;
     size_t nStored = 0;
-    // Every honest block carries a value, so a reply that goes on for longer than that never ends.
-    for (size_t nBlocks = 0; nBlocks <= wanted.size(); ++nBlocks) {
+    for (CSilence silence(core.m_reqSock);;) {
         std::array<BYTE, 4> head{};
         if (!ReadBlockHead(core.m_reqSock, CMD_READ_TAGS, head))
             return EBlocks::Failed;
@@ -202,6 +202,12 @@ CDBDriver::EBlocks CDBDriver::ReadBlocks(CDBCore& core, const TagSlots& wanted)
         if (!ReadPayload(core.m_reqSock, block, nLen))
             return EBlocks::Failed;
         auto left = std::span<const BYTE>(block).first(nLen);
+        if (!left.empty()) {
+            silence.Heard();
+        } else if (silence.TooLong()) {
+            core.m_reqSock.Close(); // as after any time-out: a later request must not find the rest
+            return EBlocks::Failed;
+        }
         while (!left.empty() && nStored < wanted.size()) {
             XVariant value;
             const auto nUsed = value.FromBytes(left, true);
@@ -215,7 +221,6 @@ CDBDriver::EBlocks CDBDriver::ReadBlocks(CDBCore& core, const TagSlots& wanted)
         if (nStored == wanted.size())
             return EBlocks::Surplus;
     }
-    return EBlocks::Failed;
 }
 
 PyObject* CDBDriver::GetTagValue(const char* tags)
@@ -317,7 +322,7 @@ EWrite CDBDriver::SetTagValue(const char* tags, PyObject* tagValues)
     if (!CheckTagId(tags, reqTags))
         return EWrite::Failed;
     if (reqTags.empty())
-        return EWrite::Sent;
+        return pCore && pCore->IsConnected() ? EWrite::Sent : EWrite::Failed;
     std::vector<std::vector<BYTE>> items;
     if (reqTags.size() == 1) {
         if (!reqTags[0] || !AppendItem(*reqTags[0], tagValues, items))

@@ -174,15 +174,21 @@ class Outcome:
     errors: str
 
 
-def run_alone(script: str, *arguments: str, timeout: float = 120.0, through: Sequence[str] = ()) -> Outcome:
+def run_alone(
+    script: str,
+    *arguments: str,
+    timeout: float = 120.0,
+    through: Sequence[str] = (),
+    environment: Mapping[str, str] | None = None,
+) -> Outcome:
     """Runs Python text in a process of its own, so that a crash or a hang is a failed test with a stack.
 
-    through: a command that starts the process.
+    through: a command that starts the process; environment: what differs from this process's own.
     """
     watchdog = f"import faulthandler; faulthandler.dump_traceback_later({timeout}, exit=True)\n"
     done = subprocess.run(
         [*through, sys.executable, "-X", "faulthandler", "-c", watchdog + script, *arguments],
-        env={**os.environ, "PYTHONPATH": os.pathsep.join(path for path in sys.path if path)},
+        env={**os.environ, "PYTHONPATH": os.pathsep.join(path for path in sys.path if path), **(environment or {})},
         capture_output=True,
         text=True,
         timeout=timeout + 30,
@@ -191,9 +197,15 @@ def run_alone(script: str, *arguments: str, timeout: float = 120.0, through: Seq
     return Outcome(done.returncode, done.stdout, done.stderr)
 
 
-def passes_alone(script: str, *arguments: str, timeout: float = 120.0, through: Sequence[str] = ()) -> str:
+def passes_alone(
+    script: str,
+    *arguments: str,
+    timeout: float = 120.0,
+    through: Sequence[str] = (),
+    environment: Mapping[str, str] | None = None,
+) -> str:
     """Runs Python text as above; it must end by itself with status 0 and complain about nothing. Gives its output."""
-    outcome = run_alone(script, *arguments, timeout=timeout, through=through)
+    outcome = run_alone(script, *arguments, timeout=timeout, through=through, environment=environment)
     assert (outcome.status, outcome.errors) == (0, ""), f"status {outcome.status}\n{outcome.output}\n{outcome.errors}"
     return outcome.output
 

@@ -83,6 +83,10 @@ def tell(label: str) -> Steps:
     return [("tell", label)]
 
 
+def signal_client(number: int) -> Steps:
+    return [("signal_client", number)]
+
+
 def wait(label: str) -> Steps:
     return [("wait", label)]
 

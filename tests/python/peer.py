@@ -193,7 +193,11 @@ class Player:
     # The test.
 
     def tell(self, label: str) -> None:
-        print(json.dumps({"tell": label}), flush=True)
+        print(json.dumps({"tell": label, "at": time.monotonic()}), flush=True)
+
+    def signal_client(self, number: int) -> None:
+        """Sends a signal to the process of the test."""
+        os.kill(os.getppid(), number)
 
     def wait(self, label: str) -> None:
         if (order := self._next_order()) != f"go {label}":
@@ -258,7 +262,7 @@ class Peer:
         addresses = listeners or {"server": ("127.0.0.1", 0)}
         self._patience = patience
         self._pending = b""
-        self._told: list[str] = []
+        self._told: dict[str, float] = {}
         self.error: str | None = None
         self.finished = False
         servers = {name: socket.create_server(address, backlog=64) for name, address in addresses.items()}
@@ -319,11 +323,15 @@ class Peer:
             raise AssertionError(self.error)
         return report
 
-    def until(self, label: str) -> None:
-        """Returns when the script has come to tell(label); raises what the peer complains about before that."""
+    def until(self, label: str) -> float:
+        """Returns when the script has come to tell(label), with that moment of the system's monotonic clock.
+
+        Raises what the peer complains about before that.
+        """
         while label not in self._told:
-            self._told.append(self._report().get("tell", ""))
-        self._told.remove(label)
+            report = self._report()
+            self._told[report.get("tell", "")] = report.get("at", 0.0)
+        return self._told[label]
 
     def go(self, label: str) -> None:
         """Lets the script pass its wait(label)."""

@@ -91,7 +91,7 @@ def test_an_endless_stream_of_mixed_changes_arrives_complete_in_order_and_correc
 
 @pytest.mark.parametrize("longest", [7, 50, 3000])
 def test_a_stream_in_segments_that_end_anywhere_arrives_complete(play: Play, project: str, longest: int) -> None:
-    storm(play, project, OTHERS // 10 if longest < 100 else OTHERS // 2, longest=longest)
+    storm(play, project, OTHERS // (400 // longest) if longest < 100 else OTHERS // 2, longest=longest)
 
 
 def test_a_stream_beside_a_busy_script_arrives_complete(play: Play, project: str) -> None:

@@ -261,7 +261,7 @@ until(lambda: tasks() == at_first)
 
 
 def test_live_connections_that_come_and_go_leave_memory_flat(play: Play, project: str) -> None:
-    rounds = 40
+    rounds = 25
     body = wire.directory(d.DRIVERS)
     opening = d.up_to_login(project, size=len(body)) + d.logging_in(reply=wire.login_reply(w.MAY_WRITE))
     use_last = wire.download_header(UseLast="Yes")

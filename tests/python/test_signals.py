@@ -93,7 +93,7 @@ def test_a_whole_session_under_fire_goes_as_in_peace(play: Play, project: str, n
         assert read(boiler, "A,B") == [7, 8]
         assert read(boiler, "A") == "x" * 3000
         del core
-    assert len(hits) > 100
+    assert len(hits) > 20
 
 
 def test_a_handler_that_raises_is_heard_after_the_call_and_harms_nothing(serve: Serve) -> None:
@@ -103,11 +103,11 @@ def test_a_handler_that_raises_is_heard_after_the_call_and_harms_nothing(serve: 
     def ring(_number: int, _frame: FrameType | None) -> None:
         raise Alarm
 
-    slow = slowly(d.reading_numbers([5], [7]))
-    session = serve(d.looking_up(["A"], [5]) + slow, d.reading_numbers([5], [8]))
+    rung = d.want("req", wire.read_request([(d.BOILER, 5)])) + d.signal_client(signal.SIGALRM) + d.pause(0.05)
+    reply = d.send("req", wire.read_block([wire.typed(wire.VT_I4, 7)]))
+    session = serve(d.looking_up(["A"], [5]) + rung + reply, d.reading_numbers([5], [8]))
     before = signal.signal(signal.SIGALRM, ring)
     try:
-        signal.setitimer(signal.ITIMER_REAL, 0.03)
         with pytest.raises(Alarm):
             read(session.boiler, "A")
     finally:
@@ -126,7 +126,16 @@ def test_the_receive_thread_takes_no_signals(serve: Serve) -> None:
         number.name
         for number in signal.Signals
         if number not in (signal.SIGKILL, signal.SIGSTOP)
-        and number not in (signal.SIGSEGV, signal.SIGBUS, signal.SIGFPE, signal.SIGILL, signal.SIGABRT, signal.SIGTRAP)
+        and number
+        not in (
+            signal.SIGSEGV,
+            signal.SIGBUS,
+            signal.SIGFPE,
+            signal.SIGILL,
+            signal.SIGABRT,
+            signal.SIGTRAP,
+            signal.SIGSYS,
+        )
         and number < signal.SIGRTMIN
         and not blocked >> (number - 1) & 1
     ]
@@ -141,7 +150,7 @@ def test_the_receive_connection_outlives_a_storm_of_signals(serve: Serve) -> Non
     )
     with under_fire(signal.SIGUSR1) as hits:
         time.sleep(0.5)
-    assert len(hits) > 50
+    assert len(hits) > 10
     session.peer.go("storm over")
     session.peer.until("alive")
     assert read(session.boiler, "A") == 7

@@ -171,14 +171,15 @@ CFarEnd CFarEnd::Meet(CSyncSocket& sock)
     return far;
 }
 
-void CFarEnd::Send(const Bytes& bytes)
+bool CFarEnd::Send(const Bytes& bytes)
 {
     for (size_t nDone = 0; nDone < bytes.size();) {
         const auto nSent = ::send(m_fd, bytes.data() + nDone, bytes.size() - nDone, MSG_NOSIGNAL);
         if (nSent <= 0)
-            return; // the client has gone; whether it may is for the test to say
+            return false;
         nDone += static_cast<size_t>(nSent);
     }
+    return true;
 }
 
 Bytes CFarEnd::Take(size_t nLen)

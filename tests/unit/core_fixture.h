@@ -99,7 +99,8 @@ public:
     static CFarEnd Meet(CSyncSocket& sock);
     explicit CFarEnd(int fd) noexcept : m_fd(fd) {}
 
-    void Send(const Bytes& bytes);
+    /// False when the client has gone; whether it may is for the test to say.
+    bool Send(const Bytes& bytes);
     /// The next bytes must be these.
     void Want(const Bytes& bytes);
     Bytes Take(size_t nLen);

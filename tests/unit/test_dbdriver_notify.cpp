@@ -250,8 +250,13 @@ TEST_F(DriverOvertaken, AReplyWithAnotherTypeThanTheOldValuesWins)
         });
         EXPECT_EQ(Read(*m_pA, "a"), "1");
     }
-    EXPECT_TRUE(Ask("a", Request({1}), Block(Typed(VT_STR, Text("new type")))));
-    EXPECT_EQ(Read(*m_pA, "a"), "'new type'");
+    const CPlay play([&] {
+        m_req.Want(Request({1}));
+        EXPECT_EQ(Core().OnDBNotify(Change(0, 1, U32(3)), nullptr), 8); // in place of the receive thread
+        m_req.Send(Block(Typed(VT_STR, Text("new type"))));
+    });
+    EXPECT_TRUE(m_pA->_ConnectTag("a"));
+    EXPECT_EQ(Read(*m_pA, "a"), "'new type'") << "what overtook it was decoded as something else";
 }
 
 TEST_F(DriverOvertaken, ANewSubscriptionsValueIsNotHeldBackByAChangeOfLongAgo)

@@ -278,10 +278,23 @@ TEST_F(DriverRead, AReplyWithoutEnoughValuesLeavesTheLaterSlotsAsTheyAre)
     ExpectClean();
 }
 
-TEST_F(DriverRead, EmptyBlocksWithoutEndAreAFailedRead)
+TEST_F(DriverRead, EmptyBlocksAreWalkedPastUntilAValueComes)
 {
-    EXPECT_EQ(Ask("a", Request({1}), Block({}, 1) * 1000), "None");
+    EXPECT_EQ(Ask("a", Request({1}), Block({}, 1) * 1000 + Block(Int(4))), "4");
     ExpectClean();
+}
+
+TEST_F(DriverRead, EmptyBlocksWithoutEndFailByTheTimeOutAndEndTheConnection)
+{
+    ASSERT_TRUE(Core().m_reqSock.SetTimeOut(200));
+    CPlay play([&] {
+        m_req.Want(Request({1}));
+        while (m_req.Send(Block({}, 1) * 1000))
+            continue;
+    });
+    EXPECT_EQ(Read(*m_pA, "a"), "None");
+    play.Join();
+    EXPECT_EQ(Read(*m_pA, "c"), "None") << "later requests fail as after any time-out";
 }
 
 TEST_F(DriverRead, SurplusValuesAndBlocksAreNotTakenForTheNextReply)

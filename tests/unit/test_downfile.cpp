@@ -7,6 +7,7 @@
 #include <deque>
 #include <filesystem>
 #include <fstream>
+#include <limits>
 #include <sys/stat.h>
 #include <utime.h>
 
@@ -25,6 +26,9 @@ public:
     int _Send(const void* pBuf, int nLen, int) override
     {
         sent.emplace_back(static_cast<const char*>(pBuf), static_cast<size_t>(nLen));
+        receivedAtSend.push_back(nReceived);
+        if (sent.size() > nSendsThatWork)
+            return -1;
         return nSendResult < 0 ? nLen : nSendResult;
     }
     int _Recv(void* pBuf, int nLen, int) override
@@ -36,6 +40,7 @@ public:
         const size_t nGot = std::min(next.size(), static_cast<size_t>(nLen));
         next.copy(static_cast<char*>(pBuf), nGot);
         next.erase(0, nGot);
+        nReceived += nGot;
         if (next.empty())
             replies.pop_front();
         return static_cast<int>(nGot);
@@ -44,7 +49,10 @@ public:
     std::deque<std::string> replies;
     std::vector<std::string> sent;
     std::vector<int> wanted;
+    std::vector<size_t> receivedAtSend;
+    size_t nReceived = 0;
     int nSendResult = -1;
+    size_t nSendsThatWork = std::numeric_limits<size_t>::max();
 };
 
 class CProgress : public IGetFileCB
@@ -121,6 +129,51 @@ TEST_F(GetFileTest, WithoutACopyTheRequestSaysNothingOfOne)
     EXPECT_FALSE(fs::exists(Path()));
 }
 
+TEST_F(GetFileTest, TimesAreComparedAsThirtyTwoBitsAndSizesWhole)
+{
+    Write("12345", 2);
+    EXPECT_EQ(Get(0xFFFFFFFF, 5), 1) << "three seconds before 2 is the largest number";
+    EXPECT_TRUE(sock.sent.empty());
+    sock.replies = {"UseLast:Yes\r\n\r\n"};
+    EXPECT_EQ(Get(0xFFFFFFFE, 5), 1);
+    EXPECT_EQ(sock.sent.size(), 1U);
+    sock.replies = {"UseLast:Yes\r\n\r\n"};
+    EXPECT_EQ(Get(2, 0x100000005), 1);
+    EXPECT_EQ(sock.sent.size(), 2U);
+    sock.replies = {"UseLast:Yes\r\n\r\n"};
+    EXPECT_EQ(Get(0xFFFFFFFF, 0xFFFFFFFF), 1) << "what no copy has is always asked for";
+    EXPECT_EQ(sock.sent.size(), 3U);
+}
+
+TEST_F(GetFileTest, OfACopyBeyondFourGigabytesTheLowBitsAreSent)
+{
+    Write("", 0x1F);
+    fs::resize_file(Path(), 0x1000000ABULL); // takes no room on the disk
+    const utimbuf times{0x1F, 0x1F};
+    ASSERT_EQ(::utime(Path().c_str(), &times), 0);
+    sock.replies = {"UseLast:Yes\r\n\r\n"};
+    EXPECT_EQ(Get(0x1F, 0xAB), 1);
+    EXPECT_EQ(sock.sent, std::vector<std::string>{"4f.dat\r\nLastTime:1F\r\nSize:AB\r\nHello:Yes\r\n\r\n"});
+}
+
+TEST_F(GetFileTest, BothCopiesStandInTheRequest)
+{
+    Write("ab", 0xA);
+    Write("abc", 0xB, "f.dat.gz");
+    sock.replies = {"UseLast:Yes\r\n\r\n"};
+    EXPECT_EQ(Get(0x100, 2), 1);
+    EXPECT_EQ(sock.sent[0], "4f.dat\r\nLastTime:A\r\nSize:2\r\ngzTime:B\r\ngzSize:3\r\nHello:Yes\r\n\r\n");
+}
+
+TEST_F(GetFileTest, NamesAreSentAsTheyAreAndStoredInUtf8)
+{
+    const std::string strName = "\xCA\xBE\xB7\xB6.txt"; // 示范
+    sock.replies = {FILE_TIME + "Size:2\r\n\r\nab"};
+    EXPECT_EQ(GetFile(strName.c_str(), sock, 'Z', (dir + "/").c_str(), 0, 0, nullptr, nullptr), 1);
+    EXPECT_EQ(sock.sent, std::vector<std::string>{'Z' + strName + "\r\nHello:Yes\r\n\r\n"});
+    EXPECT_EQ(Content("示范.txt"), "ab");
+}
+
 TEST_F(GetFileTest, ACompressedCopyAndARelayPrefixStandInTheRequest)
 {
     Write("abc", 0xABCDEF, "f.dat.gz");
@@ -137,6 +190,16 @@ TEST_F(GetFileTest, AFileThatDoesNotExistIsDeletedHereButNotItsCompressedCopy)
     EXPECT_EQ(Get(), 1);
     EXPECT_FALSE(fs::exists(Path()));
     EXPECT_TRUE(fs::exists(Path("f.dat.gz")));
+}
+
+TEST_F(GetFileTest, AFileThatExistsNeitherHereNorThereIsDone)
+{
+    sock.replies = {"UseLast:Yes\r\nExist:No\r\n\r\n"};
+    EXPECT_EQ(Get(), 1);
+    Write("old", 1);
+    sock.replies = {"UseLast:Yes\r\nExist:No\r\n\r\n"};
+    EXPECT_EQ(Get(), 1);
+    EXPECT_FALSE(fs::exists(Path())) << "not existing counts for more than being current";
 }
 
 TEST_F(GetFileTest, ABodyInTheFirstReceiveNeedsNoOther)
@@ -195,6 +258,53 @@ TEST_F(GetFileTest, AnErrorInTheMiddleFailsAndLeavesThePartWithTheServersTime)
     EXPECT_EQ(progress.calls, (std::vector<std::pair<int, bool>>{{3, false}}));
 }
 
+TEST_F(GetFileTest, AFailedAppendOrCompressedBodyCarriesTheServersTimeToo)
+{
+    Write("abc", 1);
+    sock.replies = {"Append:Yes\r\nSize:9\r\n" + FILE_TIME + "\r\nde"};
+    EXPECT_EQ(Get(), 0);
+    EXPECT_EQ(Content(), "abcde");
+    EXPECT_EQ(Time(), SERVER_TIME);
+    sock.replies = {"GZ:Yes\r\nSize:9\r\n" + FILE_TIME + "\r\nxy"};
+    EXPECT_EQ(Get(), 0);
+    EXPECT_EQ(Content("f.dat.gz"), "xy");
+    EXPECT_EQ(Time("f.dat.gz"), SERVER_TIME);
+}
+
+TEST_F(GetFileTest, AHeaderWithoutATimeGivesTheFirstSecond)
+{
+    sock.replies = {"Size:2\r\n\r\nab"};
+    EXPECT_EQ(Get(), 1);
+    EXPECT_EQ(Time(), 0);
+}
+
+TEST_F(GetFileTest, AHeaderThatEndsEarlyLeavesTheRestToTheBody)
+{
+    const std::string strBehind = ":1\r\n\r\nabc";
+    sock.replies = {"Size:9\r\n" + std::string(64, 'n') + strBehind};
+    EXPECT_EQ(Get(), 1);
+    EXPECT_EQ(Content(), strBehind) << "a name of 64 bytes";
+    sock.replies = {"Size:8\r\nname:" + std::string(257, 'v') + "\r\n\r\nabc"};
+    EXPECT_EQ(Get(), 1);
+    EXPECT_EQ(Content(), "v\r\n\r\nabc") << "a value of 256 bytes and one more";
+    sock.replies = {"Size:5\r\n", "\r\nabc"};
+    EXPECT_EQ(Get(), 1);
+    EXPECT_EQ(Content(), "\r\nabc") << "a header that the first receive does not hold";
+}
+
+TEST_F(GetFileTest, AHeaderOfTheWholeFirstReceiveIsRead)
+{
+    std::string strHeader = "Size:3\r\n" + FILE_TIME;
+    while (strHeader.size() < 2048 - 60)
+        strHeader += "Comment:" + std::string(40, 'c') + "\r\n";
+    strHeader += "c:" + std::string(2048 - strHeader.size() - 6, 'c') + "\r\n\r\n";
+    ASSERT_EQ(strHeader.size(), 2048U);
+    sock.replies = {strHeader + "abc"};
+    EXPECT_EQ(Get(), 1);
+    EXPECT_EQ(Content(), "abc");
+    EXPECT_EQ(Time(), SERVER_TIME);
+}
+
 TEST_F(GetFileTest, AnExchangeThatDoesNotBeginFails)
 {
     EXPECT_EQ(Get(), 0); // no reply
@@ -210,6 +320,19 @@ TEST_F(GetFileTest, AReceiveOfNothingIsNoEnd)
     sock.replies = {FILE_TIME + "Size:6\r\n\r\n", "", "abc", "", "", "def"};
     EXPECT_EQ(Get(), 1);
     EXPECT_EQ(Content(), "abcdef");
+}
+
+TEST_F(GetFileTest, ReceivesOfNothingAreNoSpin)
+{
+    ASSERT_TRUE(sock.Create()); // has a time-out, but is never connected
+    ASSERT_TRUE(sock.SetTimeOut(300));
+    sock.replies.assign(100000, "");
+    sock.replies.front() = FILE_TIME + "Size:6\r\n\r\nabc";
+    EXPECT_EQ(Get(), 0);
+    EXPECT_GT(sock.wanted.size(), 2U);
+    EXPECT_LT(sock.wanted.size(), 100U);
+    EXPECT_EQ(Content(), "abc");
+    EXPECT_EQ(Time(), SERVER_TIME);
 }
 
 TEST_F(GetFileTest, APeerThatHasClosedFailsTheTransferAfterTheTimeOut)
@@ -235,6 +358,33 @@ TEST_F(GetFileTest, AnOverLongBodyIsWrittenAndComplete)
     sock.replies = {FILE_TIME + "Size:4\r\n\r\nab", "cdef"};
     EXPECT_EQ(Get(), 1);
     EXPECT_EQ(Content(), "abcdef");
+}
+
+TEST_F(GetFileTest, AnOverLongBodyTellsOfItsLastChunkAndNoMore)
+{
+    const std::string strReply = FILE_TIME + "Size:2\r\n\r\nabcdef";
+    sock.replies = {strReply};
+    EXPECT_EQ(Get(), 1);
+    sock.replies = {FILE_TIME + "Size:5\r\n\r\n", "ab", "cdefg"};
+    EXPECT_EQ(Get(), 1);
+    EXPECT_EQ(Content(), "abcdefg");
+    EXPECT_EQ(progress.calls, (std::vector<std::pair<int, bool>>{
+                                  {static_cast<int>(strReply.size()), true}, {2, false}, {5, true}}));
+}
+
+TEST_F(GetFileTest, ABodyOfAnySizeThatNeverComesFails)
+{
+    sock.replies = {"Size:FFFFFFFFFFFFFFFF\r\n\r\nab", "cd"};
+    EXPECT_EQ(Get(), 0);
+    EXPECT_EQ(Content(), "abcd");
+}
+
+TEST_F(GetFileTest, AFolderThatIsMissingCountsAsDoneToo)
+{
+    sock.replies = {FILE_TIME + "Size:4\r\n\r\nab", "cd"};
+    EXPECT_EQ(GetFile("no/f.dat", sock, '4', (dir + "/").c_str(), 0, 0, &progress, nullptr), 1);
+    EXPECT_EQ(sock.replies.size(), 1U) << "the body is not read";
+    EXPECT_TRUE(progress.calls.empty());
 }
 
 TEST_F(GetFileTest, ATargetThatCannotBeOpenedCountsAsDone)
@@ -307,6 +457,32 @@ TEST_F(GetFileTest, TheRelaysWindowsAreSmaller)
     sock.sent.erase(sock.sent.begin());
     EXPECT_EQ(sock.sent, Windows(38912, 0x20000 + strHeader.size()));
     EXPECT_EQ(sock.sent[3], std::string("4Hello2000\0", 11)) << "8192 is the smallest";
+}
+
+TEST_F(GetFileTest, AnAcknowledgementThatCannotBeSentIsNoFailure)
+{
+    Acknowledged(sock, "Hello:Yes\r\nSize:30000\r\n\r\n", 0x30000);
+    sock.nSendsThatWork = 1; // the request
+    EXPECT_EQ(Get(), 1);
+    EXPECT_EQ(fs::file_size(Path()), 0x30000U);
+    EXPECT_EQ(sock.sent.size(), 2U);
+}
+
+TEST_F(GetFileTest, NoReceiveReachesBeyondItsWindow)
+{
+    Acknowledged(sock, "Hello:Yes\r\nSize:60000\r\n\r\n", 0x60000);
+    EXPECT_EQ(Get(), 1);
+    EXPECT_EQ(sock.receivedAtSend,
+              (std::vector<size_t>{0, 131072, 131072 + 120832, 131072 + 120832 + 110592}));
+}
+
+TEST_F(GetFileTest, ABodyThatEndsWithItsWindowIsNotAcknowledged)
+{
+    const std::string strHeader = "Hello:Yes\r\nSize:1FFE7\r\n\r\n";
+    Acknowledged(sock, strHeader, 0x1FFE7);
+    ASSERT_EQ(strHeader.size() + 0x1FFE7, 131072U);
+    EXPECT_EQ(Get(), 1);
+    EXPECT_EQ(sock.sent.size(), 1U);
 }
 
 TEST_F(GetFileTest, WithoutHelloNothingIsAcknowledged)

@@ -93,6 +93,25 @@ TEST(DecryptPacket, RefusesABufferThatIsTooSmall)
     EXPECT_EQ(DecryptPacket(7, in.data(), 5, out.data()), 5U);
 }
 
+TEST(DecryptPacket, WritesTheWholeGroupsEvenBehindWhichALengthIsBad)
+{
+    const std::array<BYTE, 5> in{1, 'a' + 1, 'b' - 1, 'c' ^ 1, 9};
+    std::array<BYTE, 4> out{0, 0, 0, 0x55};
+    EXPECT_EQ(DecryptPacket(5, in.data(), out.size(), out.data()), 0U);
+    EXPECT_EQ(out, (std::array<BYTE, 4>{'a', 'b', 'c', 0x55}));
+}
+
+TEST(MaxEncryptLen, FitsABufferAndOneGroupMoreDoesNot)
+{
+    for (UINT nRoom = 4; nRoom < 600; ++nRoom) {
+        const std::vector<BYTE> in(nRoom);
+        std::vector<BYTE> out(nRoom);
+        const auto nMax = static_cast<UINT>(MaxEncryptLen(nRoom));
+        EXPECT_GT(EncryptPacket(nMax, in.data(), nRoom, out.data()), 0U) << nRoom;
+        EXPECT_EQ(EncryptPacket(nMax + 1, in.data(), nRoom, out.data()), 0U) << nRoom;
+    }
+}
+
 TEST(MaxEncryptLen, IsTheLargestThatFits)
 {
     EXPECT_EQ(MaxEncryptLen(512), 383);
@@ -116,6 +135,17 @@ TEST(CoCreateGuid, IsTheSameWithinASecond)
     uint64_t nSeconds = 0;
     std::memcpy(&nSeconds, first.Data4, sizeof nSeconds);
     EXPECT_EQ(nSeconds, static_cast<uint64_t>(tBegin));
+}
+
+TEST(CoCreateGuid, DrawsFromTheGeneratorThatItSeeds)
+{
+    _GUID guid{};
+    CoCreateGuid(guid);
+    const int nNext = std::rand();
+    std::srand(guid.Data1);
+    EXPECT_EQ(guid.Data2, static_cast<WORD>(std::rand()));
+    EXPECT_EQ(guid.Data3, static_cast<WORD>(std::rand()));
+    EXPECT_EQ(std::rand(), nNext);
 }
 
 } // namespace

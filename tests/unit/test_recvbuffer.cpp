@@ -178,6 +178,18 @@ TEST_F(RecvBuffer, TheTimeForARestBeginsAnewWithEachNotification)
     EXPECT_EQ(Unwalked(), Raw("bc"));
 }
 
+TEST_F(RecvBuffer, TheTimeForARestBeginsAnewWithEachReceive)
+{
+    Send(Raw("half"));
+    Fill();
+    EXPECT_FALSE(More());
+    Send(Raw("x"));
+    Fill();
+    Send(Raw("y"));
+    EXPECT_TRUE(More());
+    EXPECT_EQ(Unwalked(), Raw("xy"));
+}
+
 TEST_F(RecvBuffer, AClosedPeerEndsTheReceiveAndThenTheStream)
 {
     Send(Raw("half"));
