@@ -13,6 +13,7 @@
 #include "ForkMark.h"
 #include "PyGlue.h"
 
+#include "ThreadLock.h"
 #include "XVariant.h"
 #include "cstring.h"
 

@@ -3,40 +3,26 @@
 
 bool CRecvLink::EnterPython()
 {
-    const CThreadGuard guard(m_lock);
-    m_bInPython = true;
-    if (m_bLetGo)
-        m_exitThreadEvent.Signal();
-    return !m_bLetGo;
+    if (!(m_nState.fetch_or(IN_PYTHON) & LET_GO))
+        return true;
+    m_exitThreadEvent.Signal();
+    return false;
 }
 
 bool CRecvLink::LeavePython()
 {
-    const CThreadGuard guard(m_lock);
-    m_bInPython = m_bLetGo;
-    return !m_bLetGo;
+    // Once let go the mark stays: nobody shall wait for a thread that has nothing to do with the core.
+    unsigned nExpected = IN_PYTHON;
+    return m_nState.compare_exchange_strong(nExpected, 0);
 }
 
 void CRecvLink::Done()
 {
-    const CThreadGuard guard(m_lock);
-    m_bDone = true;
+    m_nState.fetch_or(DONE);
     m_exitThreadEvent.Signal();
-}
-
-bool CRecvLink::IsLetGo() const
-{
-    const CThreadGuard guard(m_lock);
-    return m_bLetGo;
 }
 
 bool CRecvLink::LetGo(DWORD nMs)
 {
-    {
-        const CThreadGuard guard(m_lock);
-        m_bLetGo = true;
-        if (m_bDone || m_bInPython)
-            return true;
-    }
-    return m_exitThreadEvent.Wait(nMs);
+    return (m_nState.fetch_or(LET_GO) & (IN_PYTHON | DONE)) || m_exitThreadEvent.Wait(nMs);
 }

@@ -6,7 +6,8 @@
 #pragma once
 
 #include "ThreadHelp.h"
-#include "ThreadLock.h"
+
+#include <atomic>
 
 class CRecvLink
 {
@@ -24,7 +25,7 @@ public:
     bool LeavePython();
     /// The thread is over with the core.
     void Done();
-    bool IsLetGo() const;
+    bool IsLetGo() const noexcept { return m_nState & LET_GO; }
 
     // The core's side.
 
@@ -33,9 +34,12 @@ public:
     bool LetGo(DWORD nMs);
 
 private:
-    mutable CThreadLock m_lock;
+    // Both sides look and leave their mark in one step, at every call into Python and back: a lock would cost
+    // as much as building the call's arguments.
+    static constexpr unsigned IN_PYTHON = 1;
+    static constexpr unsigned LET_GO = 2;
+    static constexpr unsigned DONE = 4;
+
+    std::atomic<unsigned> m_nState{0};
     XTEvent m_exitThreadEvent; // signalled when a core that waits need wait no longer
-    bool m_bInPython RK_GUARDED_BY(m_lock) = false;
-    bool m_bLetGo RK_GUARDED_BY(m_lock) = false;
-    bool m_bDone RK_GUARDED_BY(m_lock) = false;
 };
