@@ -150,7 +150,8 @@ TEST(ConnectDB, HandsTheRecordOverAsItCame)
     EXPECT_EQ(std::string_view(reinterpret_cast<const char*>(&done.ack), sizeof done.ack),
               strAck.substr(1, 59));
     const auto field = [&strAck](size_t nOffset) { return std::string_view(strAck).substr(1 + nOffset, 4); };
-    const auto bytes = [](const DWORD& n) { return std::string_view(reinterpret_cast<const char*>(&n), 4); };
+    // By value: the record is packed, its numbers lie at odd addresses.
+    const auto bytes = [](DWORD n) { return std::string(reinterpret_cast<const char*>(&n), sizeof n); };
     EXPECT_EQ(bytes(done.ack.fif_time), field(42));
     EXPECT_EQ(bytes(done.ack.fif_size), field(46));
     EXPECT_EQ(bytes(done.ack.dif_time), field(50));
