@@ -47,6 +47,7 @@ int ParseDirect(const CString& strHost, SServerAddr& addr)
 
 int ParseRelay(const CString& strHost, SServerAddr& addr)
 {
+    addr.bRelay = true;
     const auto nColon = strHost.find(':');
     if (nColon == std::string::npos)
         return CONNECT_BAD_ADDRESS;
@@ -60,7 +61,6 @@ int ParseRelay(const CString& strHost, SServerAddr& addr)
         addr.strCenter = CString(strPrefix.substr(nOpen + 1));
         addr.strCenter.TrimRight(')');
     }
-    addr.bRelay = true;
     addr.strHost = strHost;
     addr.nPort = CClientSock::RELAY_PORT;
     addr.nTimeOut = RELAY_TIMEOUT;
@@ -154,11 +154,11 @@ int CClientSock::ConnectAddr(LPCSTR szHost, CString& strPrjName, CString& strTit
     StopSock();
     std::srand(static_cast<unsigned>(std::time(nullptr)));
     m_bUnclean = false;
-    m_bLocalDB = true;
     SServerAddr addr;
-    if (const int nResult = ParseHost(szHost, addr); nResult != 0)
-        return nResult;
+    const int nParsed = ParseHost(szHost, addr);
     m_bLocalDB = !addr.bRelay && _IsLocalDB(addr.strHost.c_str());
+    if (nParsed != 0)
+        return nParsed;
     if (addr.bRelay)
         m_reqSock.m_nCenterIp = m_rcvSock.m_nCenterIp = ::inet_addr(addr.strCenter.c_str());
 

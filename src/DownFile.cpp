@@ -181,15 +181,34 @@ void SetField(SCFileInfo& fi, const char* szName, const char* szValue)
         fi.bHello = SaysYes(szValue);
 }
 
+struct SHeader
+{
+    int nEnd;    // where the body begins
+    bool bWhole; // its empty line has been seen: nothing of it is still on its way
+};
+
+SHeader ReadHeader(const char* buf, int nLen, SCFileInfo& fi)
+{
+    std::array<char, VAR_MAX + 1> var;
+    std::array<char, PROP_MAX + 1> prop;
+    int nLine = 0;
+    int nPos = 0;
+    while (ReadHttpCont(buf, nPos, nLen, var.data(), VAR_MAX, prop.data(), PROP_MAX)) {
+        SetField(fi, var.data(), prop.data());
+        nLine = nPos;
+    }
+    return {nPos, nPos > nLine && buf[nPos - 1] == '\n'};
+}
+
 /// Stores the body behind the header in the target file and gives it the server's time, whole or not.
-EDownload StoreBody(const SBody& body, std::span<const char> first, int nHeader, const SCFileInfo& fi,
-                    bool bRelay, const std::string& strTarget)
+EDownload StoreBody(const SBody& body, std::span<const char> first, const SHeader& header,
+                    const SCFileInfo& fi, bool bRelay, const std::string& strTarget)
 {
     if (fi.bAppend)
         body.file.Seek(0, SEEK_END);
-    const auto nBody = first.size() - static_cast<size_t>(nHeader);
+    const auto nBody = first.size() - static_cast<size_t>(header.nEnd);
     if (nBody > 0)
-        body.file.Write(first.data() + nHeader, static_cast<UINT>(nBody));
+        body.file.Write(first.data() + header.nEnd, static_cast<UINT>(nBody));
     std::optional<int> nLast = static_cast<int>(first.size());
     // More than was announced is an over-long body: complete already, with who knows what behind it.
     bool bSurplus = nBody > fi.dwSize;
@@ -204,7 +223,7 @@ EDownload StoreBody(const SBody& body, std::span<const char> first, int nHeader,
         body.pGetFileCB->OnProgress(*nLast, true);
     if (!nLast)
         return EDownload::Failed;
-    return bSurplus ? EDownload::Leftover : EDownload::Complete;
+    return bSurplus || !header.bWhole ? EDownload::Leftover : EDownload::Complete;
 }
 
 } // namespace
@@ -238,12 +257,7 @@ int ReadHttpCont(const char* szHttpCont, int& nPos, int nLen, char* var, int var
 
 int GetFileInfoByBuf(const char* buf, int nLen, SCFileInfo& fi)
 {
-    std::array<char, VAR_MAX + 1> var;
-    std::array<char, PROP_MAX + 1> prop;
-    int nPos = 0;
-    while (ReadHttpCont(buf, nPos, nLen, var.data(), VAR_MAX, prop.data(), PROP_MAX))
-        SetField(fi, var.data(), prop.data());
-    return nPos;
+    return ReadHeader(buf, nLen, fi).nEnd;
 }
 
 int GetFile(LPCSTR szFileName, CSyncSocket& sock, char nCode, LPCSTR szPath, unsigned long mtime,
@@ -268,8 +282,8 @@ EDownload DownloadFile(LPCSTR szFileName, CSyncSocket& sock, char nCode, LPCSTR 
     if (nLen < 1)
         return EDownload::Failed;
     SCFileInfo fi;
-    const int nHeader = GetFileInfoByBuf(chunk.data(), nLen, fi);
-    const auto eHeaderOnly = nHeader < nLen ? EDownload::Leftover : EDownload::Complete;
+    const SHeader header = ReadHeader(chunk.data(), nLen, fi);
+    const auto eHeaderOnly = header.bWhole && header.nEnd == nLen ? EDownload::Complete : EDownload::Leftover;
     if (!fi.bExist) {
         static_cast<void>(::remove(names.strFile.c_str()));
         return eHeaderOnly;
@@ -281,5 +295,5 @@ EDownload DownloadFile(LPCSTR szFileName, CSyncSocket& sock, char nCode, LPCSTR 
     if (!file.OpenA(strTarget.c_str(), fi.bAppend ? OPEN_APPEND : OPEN_REPLACE, false))
         return EDownload::Leftover;
     const std::span<const char> first(chunk.data(), static_cast<size_t>(nLen));
-    return StoreBody({sock, file, nCode, pGetFileCB}, first, nHeader, fi, szAddP2p != nullptr, strTarget);
+    return StoreBody({sock, file, nCode, pGetFileCB}, first, header, fi, szAddP2p != nullptr, strTarget);
 }

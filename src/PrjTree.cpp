@@ -3,7 +3,9 @@
 
 #include "WireReader.h"
 
+#include <algorithm>
 #include <array>
+#include <cstdio>
 #include <string_view>
 #include <sys/stat.h>
 
@@ -39,6 +41,42 @@ void MakeDir(const std::string& strPath, bool bChmod)
 bool IsPlainName(std::string_view name)
 {
     return name.find('/') == std::string_view::npos && name != "." && name != "..";
+}
+
+/// One folder's name: as the disk has it (UTF-8), and as texts in here hold it (GB2312).
+struct SFolder
+{
+    std::string strDisk;
+    CString strText;
+};
+
+/// A byte that is no ASCII becomes three that are.
+CString Escaped(std::string_view text)
+{
+    CString strAscii;
+    for (const char ch : text) {
+        std::array<char, 4> code{};
+        std::snprintf(code.data(), code.size(), "%%%02X", static_cast<unsigned>(static_cast<BYTE>(ch)));
+        strAscii.append(ch & 0x80 ? std::string_view(code.data()) : std::string_view(&ch, 1));
+    }
+    return strAscii;
+}
+
+/// A host text comes from the script as UTF-8. One that GB2312 cannot hold would lose its end on the way back
+/// to the disk, and with it what tells one server's folder from another's: its folder bears an ASCII name.
+SFolder HostFolder(LPCSTR szHost)
+{
+    CString strHost(szHost);
+    strHost.Replace(':', '_');
+    if (std::ranges::none_of(strHost, [](char ch) { return ch & 0x80; }))
+        return {strHost, strHost};
+    const CString strText(CUTF82T(strHost.c_str()).c_str());
+    CString strBack;
+    strText.ToUtf8(strBack);
+    if (strBack == strHost)
+        return {strHost, strText};
+    const CString strEscaped = Escaped(strHost);
+    return {strEscaped, strEscaped};
 }
 
 } // namespace
@@ -80,18 +118,16 @@ bool CClientSock::AfterConnect(LPCSTR szHost, const CString& strPrjName, CString
     }
     CString strUtf8;
     strPrjName.ToUtf8(strUtf8);
-    m_strPrjPath = RKDB_MIRROR_ROOT;
-    MakeDir(m_strPrjPath, false);
-    CString strHostDir(szHost);
-    strHostDir.Replace(':', '_');
-    m_strPrjPath.append(strHostDir);
-    MakeDir(m_strPrjPath, true);
-    m_strPrjPath.push_back('/');
-    std::string strDir = m_strPrjPath + strUtf8;
+    const SFolder host = HostFolder(szHost);
+    std::string strDir = RKDB_MIRROR_ROOT;
+    MakeDir(strDir, false);
+    strDir += host.strDisk;
+    MakeDir(strDir, true);
+    strDir += '/' + strUtf8;
     MakeDir(strDir, true);
     strDir.push_back('/');
     // Folders on disk bear UTF-8 names, texts in here are GB2312 and become UTF-8 where a file is opened.
-    m_strPrjPath.append(strPrjName).push_back('/');
+    m_strPrjPath = RKDB_MIRROR_ROOT + host.strText + '/' + strPrjName + '/';
     for (const auto& dir : MIRROR_DIRS)
         MakeDir(strDir + dir.szName, dir.bChmod);
     return true;

@@ -32,7 +32,12 @@ CHECKOUT = Path(__file__).resolve().parents[2]
 
 def mirror_host(host: str) -> Path:
     """The mirror's directory of a server that was connected to with this host text."""
-    return MIRROR_ROOT / host.replace(":", "_")
+    name = host.replace(":", "_")
+    try:
+        name.encode("gb2312")
+    except UnicodeEncodeError:  # what that encoding lacks has no name of its own on the disk
+        name = "".join(f"%{byte:02X}" if byte > 0x7F else chr(byte) for byte in name.encode())
+    return MIRROR_ROOT / name
 
 
 def mirror(host: str, project: str) -> Path:

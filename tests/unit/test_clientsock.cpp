@@ -285,6 +285,7 @@ TEST(ConnectDB, FailsWhereNobodyListens)
     CClientSock client;
     EXPECT_EQ(Connect(client, "127.0.0.1:" + std::to_string(nPort)).nResult, 1);
     EXPECT_EQ(Connect(client, "p2p").nResult, CONNECT_BAD_ADDRESS);
+    EXPECT_FALSE(client.m_bLocalDB);
     EXPECT_EQ(Connect(client, "p2p:" + std::string(250, 'n')).nResult, CONNECT_REFUSED);
 }
 

@@ -175,6 +175,27 @@ TEST_F(Mirror, OfARelayedServerIsNamedByTheWholeAddress)
     }
 }
 
+/// A file is opened by the UTF-8 form of its whole path: that must lead into the folder that was made.
+TEST_F(Mirror, OfAHostThatIsNotAsciiIsItsOwnAndItsFilesLieInIt)
+{
+    const std::string strEnd = std::to_string(::getpid());
+    const std::vector<std::pair<std::string, std::string>> folders{
+        {"p2p(127.0.0.1):锅炉", "p2p(127.0.0.1)_锅炉"},
+        {"p2p(127.0.0.1):隧道", "p2p(127.0.0.1)_隧道"},
+        {"p2p:ö", "p2p_%C3%B6"},
+        {"p2p:a\xFF", "p2p_a%FF"}};
+    for (const auto& [strHostText, strFolder] : folders) {
+        const fs::path folder = RKDB_MIRROR_ROOT + strFolder + strEnd;
+        CString strErr;
+        EXPECT_TRUE(client.AfterConnect((strHostText + strEnd).c_str(), NAME_GB2312, strErr));
+        EXPECT_TRUE(fs::is_directory(folder / NAME_UTF8 / "RecData")) << folder;
+        CString strOpened;
+        client.m_strPrjPath.ToUtf8(strOpened);
+        EXPECT_EQ(strOpened, (folder / NAME_UTF8).string() + '/');
+        fs::remove_all(folder);
+    }
+}
+
 TEST_F(Mirror, HoldsTheTwelveFoldersForTheirOwnerAlone)
 {
     const mode_t nUmask = ::umask(0);
