@@ -8,6 +8,7 @@ from __future__ import annotations
 
 import itertools
 import os
+import select
 import socket
 import struct
 from collections.abc import Iterable, Sequence
@@ -181,6 +182,12 @@ class Line:
         """Exactly these bytes must come."""
         got = self.take(len(data))
         assert got == data, f"want {data.hex(' ')}, got {got.hex(' ')}"
+
+    @staticmethod
+    def first_heard(lines: Sequence[Line]) -> Line:
+        """One on which something has come."""
+        ready, _, _ = select.select([line._socket for line in lines], [], [], PATIENCE)
+        return next(line for line in lines if line._socket in ready)
 
     def is_quiet(self, seconds: float = QUIET) -> bool:
         """Nothing comes, and the connection stays."""

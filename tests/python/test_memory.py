@@ -97,6 +97,7 @@ def stays_flat(play: Play, project: str, script: str, calls: int, one: bytes | N
     arguments = (str(number * per_round) for number in rounds)
     output = passes_alone(HEAD + MEASURE + script + RUN, peer.host, *arguments, timeout=80)
     assert output.startswith("grown by")
+    print(f"{calls} callbacks:", output)  # pytest -rP shows it
 
 
 NO_ALARM = "core.SetRtAlarmNotify(print, 0)\n"
