@@ -409,9 +409,12 @@ TEST_F(GetFileTest, TheExchangeTellsWhetherTheConnectionIsCleanBehindIt)
     EXPECT_EQ(download({"Size:2\r\n\r\n", "abc"}), EDownload::Leftover);
     EXPECT_EQ(download({"Size:4\r\n\r\nabc"}), EDownload::Failed);
     for (const char* szCut :
-         {"UseLast:Yes\r\n", "UseLast:Yes", "Exist:No\r\n", "Size:0\r\n", "Size:0\r\nFileTime:600"})
+         {"UseLast:Yes\r\n", "UseLast:Yes", "Exist:No\r\n", "Size:0\r\n", "Size:0\r\nFileTime:600"}) {
+        fs::remove(Path()); // an empty one would be current, and nothing asked for
         EXPECT_EQ(download({szCut}), EDownload::Leftover)
             << "the header's end is still on its way: " << szCut;
+    }
+    fs::remove(Path());
     EXPECT_EQ(download({"Size:0\r\n\r\n"}), EDownload::Complete);
     fs::remove_all(Path());
     fs::create_directory(Path());
