@@ -63,7 +63,8 @@ CDBCore::~CDBCore()
 
 EConnect CDBCore::_Connect(const CString& strHost, LPCSTR szUserName, LPCSTR szPassword)
 {
-    _Disconnect();
+    if (!_Disconnect())
+        return EConnect::Failed; // the old receive thread would take the new connection for its own
     const EConnect eResult =
         CPyThread::IsForbidden() ? EConnect::Failed : OpenConnection(strHost, szUserName, szPassword);
     if (eResult != EConnect::Connected)
@@ -235,8 +236,9 @@ CDBDriver* CDBCore::_GetDriver(const char* szName)
     // Ids come from a file; one beyond the table would name no slot.
     if (info.id >= m_pDrivers.size())
         return nullptr;
-    info.pDriver = CDriverRef(new CDBDriver(*this, info.id, it->first));
-    info.pDriver->SetTagCount(info.tagNum);
+    CDriverRef driver(new CDBDriver(*this, info.id, it->first));
+    driver->SetTagCount(info.tagNum);
+    info.pDriver = std::move(driver);
     m_pDrivers[info.id] = info.pDriver.Get();
     return info.pDriver.Get();
 }

@@ -64,8 +64,8 @@ public:
     static void* RecvThread(void* pParam);
     /// One notification at the start of bytes: its length, or one of the NOTIFY_ values.
     int OnDBNotify(std::span<const BYTE> bytes, CPyThread* pPython);
-    /// Detaches and lets go of all drivers and nulls the slot table. Their memory stays until the next call
-    /// that a script makes, which may be using one right now.
+    /// Detaches and lets go of all drivers and nulls the slot table. Their memory stays until the script
+    /// connects or disconnects: it may be using one right now.
     void ClearDrivers();
 
     /// Brings the local copy of a project file up to date: 1 when it is as the server wants it, else 0. The

@@ -20,6 +20,7 @@ CPyRef LocalDateTime(DWORD nSeconds)
 {
     const time_t t = nSeconds;
     tm local{};
+    ::tzset(); // a change of TZ counts, as in localtime()
     if (!::localtime_r(&t, &local))
         return CPyRef(PyErr_SetFromErrno(PyExc_OSError));
     return CPyRef(PyDateTimeAPI->DateTime_FromDateAndTime(

@@ -371,8 +371,10 @@ bool CDBDriver::SetTagNotify(PyObject* pFn)
         if (!pCore || m_tagNotifyFn)
             return false;
     }
-    auto pKept = pCore->KeepCallback(pFn);
+    auto pKept = pCore->KeepCallback(pFn); // may run finalisers of a script
     const CThreadGuard guard(m_lock);
+    if (!m_pDBCore || m_tagNotifyFn)
+        return false;
     m_tagNotifyFn = std::move(pKept);
     return true;
 }

@@ -102,6 +102,7 @@ bool CPyThread::Take()
             m_pState = PyThreadState_Get();
         }
     });
+    m_link.ScriptMask().Apply();
     m_bHeld = true;
     return true;
 }
@@ -111,6 +112,7 @@ void CPyThread::EndTurn() noexcept
     if (!m_bHeld)
         return;
     m_bHeld = false;
+    m_ownMask.Apply();
     PyEval_SaveThread();
 }
 

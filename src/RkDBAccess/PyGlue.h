@@ -69,7 +69,9 @@ private:
 };
 
 /// The interpreter lock for a receive thread: one thread state for the thread's life, the lock taken at the
-/// first call that a receive needs and kept to that receive's end.
+/// first call that a receive needs and kept to that receive's end. Meanwhile the thread blocks what the
+/// script blocks, and not all signals as a receive thread does: a program that a callback starts inherits
+/// that.
 class CPyThread
 {
 public:
@@ -104,6 +106,7 @@ private:
 
     CRecvLink& m_link;
     const CForkMark m_fork;
+    const CSignalMask m_ownMask;
     PyThreadState* m_pState = nullptr; // made at the first call
     PyGILState_STATE m_eGil{};
     bool m_bHeld = false;

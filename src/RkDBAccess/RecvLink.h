@@ -17,6 +17,9 @@ public:
     CRecvLink(const CRecvLink&) = delete;
     CRecvLink& operator=(const CRecvLink&) = delete;
 
+    /// The signals that the script's thread blocks which made the connection.
+    const CSignalMask& ScriptMask() const noexcept { return m_scriptMask; }
+
     // The thread's side.
 
     /// Gives up the right to touch the core. False: it is lost for good already.
@@ -41,5 +44,6 @@ private:
     static constexpr unsigned DONE = 4;
 
     std::atomic<unsigned> m_nState{0};
+    const CSignalMask m_scriptMask;
     XTEvent m_exitThreadEvent; // signalled when a core that waits need wait no longer
 };

@@ -19,12 +19,13 @@ What holds for every callback:
 
 * It is called under the interpreter lock, one at a time; while one runs, the next change or alarm waits.
 * Its result is ignored. An exception goes to `sys.unraisablehook`, and the stream goes on.
-* The registration keeps it alive: a tag callable until the connection has ended, the alarm callable until the
-  `DBCore` is gone. Of a bound method only the function is kept: when its instance is gone the calls are skipped, with
-  one `RuntimeWarning`.
+* The registration keeps it alive until the `DBCore` is gone. Of a bound method only the function is kept: when its
+  instance is gone the calls are skipped, with one `RuntimeWarning`.
+* A lambda, nested function or partial that refers to the `DBCore`'s own client is a cycle which the collector does not
+  see: `del` alone does not end that connection. Register a bound method instead.
 
 After `os.fork` the child's copies are not connected; the parent's go on. When the interpreter ends, every connection
-is ended first.
+is ended before exit functions run that were registered before this module was imported.
 """
 
 from collections.abc import Callable

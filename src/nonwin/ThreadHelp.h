@@ -3,6 +3,7 @@
 
 #include "wintypes.h"
 
+#include <csignal>
 #include <ctime>
 #include <semaphore.h>
 
@@ -32,6 +33,19 @@ public:
 private:
     sem_t m_sem{};
     bool m_bCreate = false;
+};
+
+/// The signals that a thread blocks.
+class CSignalMask
+{
+public:
+    /// Those of the calling thread.
+    CSignalMask() noexcept { ::pthread_sigmask(SIG_SETMASK, nullptr, &m_set); }
+    /// Makes them the calling thread's.
+    void Apply() const noexcept { ::pthread_sigmask(SIG_SETMASK, &m_set, nullptr); }
+
+private:
+    sigset_t m_set{};
 };
 
 /// Starts a detached thread. Signals are blocked in it: they are the script's and must not interrupt calls of

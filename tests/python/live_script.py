@@ -70,10 +70,13 @@ def peer_of(play: Play, project: str, *steps: d.Steps) -> Peer:
     return play(d.connecting(project) + [step for part in steps for step in part])
 
 
-def runs(play: Play, project: str, script: str, *steps: d.Steps) -> str:
-    """Runs a script against a peer that goes on like this, both to their ends; gives what the script printed."""
+def runs(play: Play, project: str, script: str, *steps: d.Steps, before: str = "") -> str:
+    """Runs a script against a peer that goes on like this, both to their ends; gives what the script printed.
+
+    before: what the script does before it connects.
+    """
     peer = peer_of(play, project, *steps)
-    output = passes_alone(HEAD + script, peer.host)
+    output = passes_alone(before + HEAD + script, peer.host)
     peer.finish()
     return output
 

@@ -390,7 +390,8 @@ def test_a_failed_registration_leaves_alarms_to_nobody(serve: Serve) -> None:
 
 
 def test_without_a_connection_nothing_is_registered(serve: Serve) -> None:
-    session = serve(d.reset("rcv") + d.want_eof("req"))
+    session = serve(d.wait("connected") + d.reset("rcv") + d.want_eof("req"))
+    session.peer.go("connected")
     session.peer.finish()
     assert register(session, 1) == []
 

@@ -365,6 +365,28 @@ for _ in range(5):
     in_a_storm(play, project, script)
 
 
+def test_a_program_that_a_callback_starts_blocks_the_scripts_signals_only(play: Play, project: str) -> None:
+    script = f"""
+import signal, subprocess
+def blocked():
+    shown = subprocess.run(["grep", "SigBlk", "/proc/self/status"], capture_output=True, text=True, check=True)
+    return int(shown.stdout.split()[1], 16)
+
+def on_change(driver, tag, value):
+    seen.append(blocked())
+
+boiler.SetTagNotify(on_change)
+{SUBSCRIBE}
+until(lambda: len(seen) == 2)
+assert blocked() == 1 << signal.SIGUSR2 - 1
+assert seen == [blocked()] * 2, seen
+boiler.GetTagValue("go1")
+"""
+    blocks = "import signal; signal.pthread_sigmask(signal.SIG_BLOCK, [signal.SIGUSR2])\n"
+    pushed = [*changes(1), *d.pause(0.05), *changes(2)]
+    runs(play, project, script, SUBSCRIBED + pushed + go("go1"), before=blocks)
+
+
 # The thread sanitizer's runtime crashes where a thread ends that has forked its process off.
 IN_CALLBACK = ["os._exit(0)"] if os.environ.get("RKDB_PRESET") == "tsan" else ["os._exit(0)", "return"]
 
