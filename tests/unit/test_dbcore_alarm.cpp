@@ -213,6 +213,14 @@ TEST_F(Alarms, EverySecondOfTheWiresClockHasALocalTime)
     EXPECT_NE(m_calls[1].find("datetime.datetime(2106, 2, 7, 14, 28, 15)"), std::string::npos) << m_calls[1];
 }
 
+TEST_F(Alarms, AChangeOfTheTimeZoneCountsAtOnce)
+{
+    ASSERT_EQ(::setenv("TZ", "UTC-3", 1), 0); // three hours east; nobody calls tzset()
+    Register({{1, 0}}, true);
+    ASSERT_EQ(m_calls.size(), 1U);
+    EXPECT_NE(m_calls[0].find("datetime.datetime(1970, 1, 1, 3, 0, 1)"), std::string::npos) << m_calls[0];
+}
+
 TEST_F(Alarms, ActiveOnesComeInReverseOrderBeforeTheRegistrationReturns)
 {
     Register({{ALARM_TIME, 0, 0, 0, 0, 1}, {ALARM_TIME, 0, 0, 0, 0, 2}, {ALARM_TIME, 0, 0, 0, 0, 3}}, true);
