@@ -218,6 +218,7 @@ def test_a_peer_trickles_floods_resets_and_ends() -> None:
         + d.want("req", b"seen")
         + d.want_eof("req")
         + d.accept("req")
+        + d.want("req", b"here")  # a reset that came sooner could fail the connecting itself
         + d.reset("req")
         + d.accept("req")
         + d.flood("req", bytes(1000))
@@ -230,6 +231,7 @@ def test_a_peer_trickles_floods_resets_and_ends() -> None:
             assert connection.recv(1) == b""
             connection.sendall(b"seen")
         with client(peer) as connection, pytest.raises(ConnectionResetError):
+            connection.sendall(b"here")
             connection.recv(1)
         with client(peer) as connection:
             read_exactly(connection, 100_000)
