@@ -208,24 +208,11 @@ NOTHING_SET_ASIDE = {
     "ASAN_OPTIONS": os.environ.get("ASAN_OPTIONS", "") + ":quarantine_size_mb=0:thread_local_quarantine_size_kb=0"
 }
 PILES_UP = """
-import ctypes, faulthandler, gc, os, sys, time
+import faulthandler, sys, time
 from pathlib import Path
 from client import read
+from process_memory import in_use
 from RkDBAccess import DBCore
-
-class MallInfo(ctypes.Structure):
-    names = "arena ordblks smblks hblks hblkhd usmblks fsmblks uordblks fordblks keepcost"
-    _fields_ = [(name, ctypes.c_size_t) for name in names.split()]
-
-mallinfo = ctypes.CDLL(None).mallinfo2
-mallinfo.restype = MallInfo
-
-def in_use():
-    # What malloc has given out, and what the kernel has given; the sanitizer's malloc says 0 for the first.
-    gc.collect()
-    told = mallinfo()
-    pages = int(Path("/proc/self/statm").read_text().split()[1])
-    return told.uordblks + told.hblkhd, pages * os.sysconf("SC_PAGE_SIZE")
 
 def count(what):
     return sum(1 for _ in Path(f"/proc/self/{what}").iterdir())

@@ -23,23 +23,16 @@ FEWER = CALLS // 10
 WARM_UP = 60_000 // SLOWER
 
 MEASURE = """
-import ctypes
+from process_memory import in_use
 
-class MallInfo(ctypes.Structure):
-    names = "arena ordblks smblks hblks hblkhd usmblks fsmblks uordblks fordblks keepcost"
-    _fields_ = [(name, ctypes.c_size_t) for name in names.split()]
-
-mallinfo = ctypes.CDLL(None).mallinfo2
-mallinfo.restype = MallInfo
 names = ["Boiler", "T0", "T1"]
 watched = [None, True, False, (), "", names, *names]
 
 def measure():
-    gc.collect()
-    told = mallinfo()  # a sanitizer's malloc says 0
+    malloc, resident = in_use()
     return {
-        "resident": int(Path("/proc/self/statm").read_text().split()[1]) * os.sysconf("SC_PAGE_SIZE"),
-        "malloc": told.uordblks + told.hblkhd,
+        "resident": resident,
+        "malloc": malloc,
         "blocks": sys.getallocatedblocks(),
         "references": [sys.getrefcount(one) for one in watched],
     }
@@ -100,6 +93,14 @@ def stays_flat(play: Play, project: str, script: str, calls: int, one: bytes | N
     print(f"{calls} callbacks:", output)  # pytest -rP shows it
 
 
+COUNTS_ALARMS = """
+def on_alarm(*alarm):
+    global count
+    count += 1
+
+core.SetRtAlarmNotify(on_alarm, 0)
+kept = [on_alarm, core, boiler]
+"""
 NO_ALARM = "core.SetRtAlarmNotify(print, 0)\n"
 
 
@@ -117,16 +118,8 @@ kept = [on_change, core, boiler]
 
 
 def test_a_million_alarms_leave_memory_flat(play: Play, project: str) -> None:
-    script = """
-def on_alarm(*alarm):
-    global count
-    count += 1
-
-core.SetRtAlarmNotify(on_alarm, 0)
-kept = [on_alarm, core, boiler]
-"""
     alarm = Alarm(event_time=1_700_000_050, tag=1, kind=1, group=70)
-    stays_flat(play, project, script, CALLS, alarm_notification(alarm))
+    stays_flat(play, project, COUNTS_ALARMS, CALLS, alarm_notification(alarm))
 
 
 def test_callbacks_of_a_method_with_results_leave_memory_flat(play: Play, project: str) -> None:
@@ -181,16 +174,8 @@ kept = [on_alarm, Client, Client.on_change, core, boiler]
 
 
 def test_values_that_nobody_is_told_of_leave_memory_flat(play: Play, project: str) -> None:
-    script = """
-def on_alarm(*alarm):
-    global count
-    count += 1
-
-core.SetRtAlarmNotify(on_alarm, 0)
-kept = [on_alarm, core, boiler]
-"""
     one = b"".join(w.change(11, wire.VT_STR, b"x" * size) for size in (5, 500, 50)) + alarm_notification(Alarm())
-    stays_flat(play, project, script, FEWER, one)
+    stays_flat(play, project, COUNTS_ALARMS, FEWER, one)
 
 
 def test_calls_that_need_no_traffic_leave_memory_flat(play: Play, project: str) -> None:
