@@ -7,7 +7,6 @@ import gc
 import os
 from pathlib import Path
 
-
 _NAMES = ("arena", "ordblks", "smblks", "hblks", "hblkhd", "usmblks", "fsmblks", "uordblks", "fordblks", "keepcost")
 
 
