@@ -114,6 +114,7 @@ private:
     int OnDriverNotify(WORD nDriver, std::span<const BYTE> bytes, CPyThread* pPython);
     int OnAlarm(std::span<const BYTE> record, CPyThread* pPython);
     bool WalkReceive(CRecvBuffer& buffer, CPyThread& python);
+    bool LoseConnection();
     bool ReadActiveAlarms(std::vector<S2RtAlarm2>& alarms);
     StringListPtr LoadStringList(const char* szFile);
 

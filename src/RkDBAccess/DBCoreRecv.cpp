@@ -42,7 +42,7 @@ void* CDBCore::RecvThread(void* pParam)
     } catch (const abi::__forced_unwind&) {
         throw; // the interpreter ends its threads this way
     } catch (const std::exception&) {
-        // Out of memory. DoRecv has let go of the core on its way out.
+        // No memory left even for ending the connection. DoRecv has let go of the core on its way out.
     }
     return nullptr;
 }
@@ -58,23 +58,37 @@ void CDBCore::DoRecv()
     };
     CPyThread python(*pLink); // outlives SDone: a thread state is given back after the core was let go
     const SDone done{*pLink};
-    CRecvBuffer buffer;
-    while (m_bConnect) {
-        if (buffer.Fill(m_rcvSock) > 0) {
-            if (!WalkReceive(buffer, python))
+    try {
+        CRecvBuffer buffer;
+        while (m_bConnect) {
+            if (buffer.Fill(m_rcvSock) > 0) {
+                if (!WalkReceive(buffer, python))
+                    return;
+                python.EndTurn();
+                continue;
+            }
+            if (LoseConnection())
                 return;
-            python.EndTurn();
-            continue;
         }
-        if (!m_bConnect.exchange(false))
-            break;
-        m_reqSock.ShutDown();
-        m_rcvSock.ShutDown();
-        StopSock();
-        ClearDrivers();
+    } catch (const std::exception&) {
+        // No memory for a value: with that change passed over in silence the script would see a wrong one.
+        if (pLink->OwnsCore())
+            LoseConnection();
         return;
     }
     std::this_thread::sleep_for(PAUSE_BEFORE_END);
+}
+
+/// The connection has ended without the script's doing. False: the script was first.
+bool CDBCore::LoseConnection()
+{
+    if (!m_bConnect.exchange(false))
+        return false;
+    m_reqSock.ShutDown();
+    m_rcvSock.ShutDown();
+    StopSock();
+    ClearDrivers();
+    return true;
 }
 
 /// Walks one receive. False: the core has gone meanwhile and must not be touched.

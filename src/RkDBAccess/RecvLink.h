@@ -29,6 +29,8 @@ public:
     /// The thread is over with the core.
     void Done();
     bool IsLetGo() const noexcept { return m_nState & LET_GO; }
+    /// True outside Python: the core waits for this thread.
+    bool OwnsCore() const noexcept { return !(m_nState & IN_PYTHON); }
 
     // The core's side.
 

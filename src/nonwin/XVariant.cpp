@@ -138,10 +138,10 @@ XVariant& XVariant::operator=(const XVariant& other)
 {
     if (this == &other)
         return *this;
-    Clear();
-    vt = other.vt;
-    CopyPayload(other);
-    return *this;
+    XVariant copy; // without memory for a text the old value stays
+    copy.vt = other.vt;
+    copy.CopyPayload(other);
+    return *this = std::move(copy);
 }
 
 XVariant& XVariant::operator=(XVariant&& other) noexcept
