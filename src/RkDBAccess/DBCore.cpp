@@ -300,7 +300,7 @@ int CDBCore::UnadviseTag(int64_t id)
     return 1;
 }
 
-std::shared_ptr<CPyCallback> CDBCore::KeepCallback(PyObject* pFn)
+void CDBCore::KeepCallback(std::shared_ptr<CPyCallback> pFn)
 {
     // Drivers of connections that ended take their registrations with them. A callable that goes may run code
     // of the script, which may come back here.
@@ -310,7 +310,7 @@ std::shared_ptr<CPyCallback> CDBCore::KeepCallback(PyObject* pFn)
             gone.push_back(std::move(pCallback));
     }
     std::erase(m_callbacks, nullptr);
-    return m_callbacks.emplace_back(std::make_shared<CPyCallback>(pFn));
+    m_callbacks.push_back(std::move(pFn));
 }
 
 void CDBCore::AbandonForked()

@@ -84,7 +84,7 @@ public:
     /// 0 registered, -1 there is a receiver already, -2 the request failed.
     int _SetRtAlarmNotify(PyObject* rtAlarmNotifyFn, bool notifyExisting);
     /// Keeps a callable for this core's life. Interpreter lock held.
-    std::shared_ptr<CPyCallback> KeepCallback(PyObject* pFn);
+    void KeepCallback(std::shared_ptr<CPyCallback> pFn);
 
     /// True in a process that a fork has copied a live connection into.
     bool IsForked() const noexcept { return m_pRecvLink && m_fork.IsForked(); }

@@ -154,8 +154,9 @@ int CDBCore::_SetRtAlarmNotify(PyObject* rtAlarmNotifyFn, bool notifyExisting)
         m_textList = LoadStringList("RecData/textlist");
     if (!m_tagList || m_tagList->empty())
         m_tagList = LoadStringList("RecData/taglist");
-    const auto pReceiver = std::make_shared<SAlarmReceiver>(
-        SAlarmReceiver{KeepCallback(rtAlarmNotifyFn), m_textList, m_tagList});
+    const auto pFn = std::make_shared<CPyCallback>(rtAlarmNotifyFn);
+    KeepCallback(pFn);
+    const auto pReceiver = std::make_shared<const SAlarmReceiver>(pFn, m_textList, m_tagList);
     if (notifyExisting) {
         for (auto it = alarms.rbegin(); it != alarms.rend(); ++it)
             FireRtAlarm(*pReceiver->pFn, *it, *pReceiver->textList, *pReceiver->tagList);

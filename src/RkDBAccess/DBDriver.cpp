@@ -48,11 +48,8 @@ void CDBDriver::Resolve(const CString& strTag, WORD nPos)
     STag* pTag = SlotAt(nPos);
     if (!pTag || pTag->strTag == strTag)
         return;
-    CString strUtf8;
-    strTag.ToUtf8(strUtf8);
-    const CThreadGuard guard(m_lock);
     pTag->strTag = strTag;
-    pTag->strTagUtf8 = strUtf8;
+    strTag.ToUtf8(pTag->strTagUtf8);
 }
 
 WORD CDBDriver::GetTagId(const char* tagName)

@@ -27,6 +27,16 @@
 
 class CDBCore;
 
+/// A registration for changes, with the names that its calls get: making them anew each time would cost as
+/// much as the call. Made, used and destroyed under the interpreter lock.
+struct CTagCallback : CPyCallback
+{
+    CTagCallback(PyObject* pFn, size_t nTags) : CPyCallback(pFn), tags(nTags) {}
+
+    CPyName driver;
+    std::vector<CPyName> tags; // by position
+};
+
 constexpr WORD NO_TAG = 0xFFFF;         // the position of a tag that does not exist
 constexpr int NOTIFY_NO_VALUE = 0xFFFF; // OnDBNotify: the payload cannot be decoded
 
@@ -127,7 +137,7 @@ private:
     void StoreAdvised(STag& tag, XVariant&& value);
     bool AppendItem(const STag& tag, PyObject* pValue, std::vector<std::vector<BYTE>>& items);
     EWrite SendItems(CDBCore& core, const std::vector<std::vector<BYTE>>& items);
-    void CallNotify(const CString& strTagUtf8, const XVariant& value, CPyCallback& fn);
+    void CallNotify(const STag& tag, const XVariant& value, CTagCallback& fn);
 
     /// Says for one scope that a subscription request is under way.
     class CAdvising
@@ -150,8 +160,9 @@ private:
     CString m_strDriverUtf8;
 
     CThreadLock m_lock;
-    std::vector<STag> m_tags; // value, bPushed and the names are guarded by m_lock
-    std::shared_ptr<CPyCallback> m_tagNotifyFn RK_GUARDED_BY(m_lock);
+    // value and bPushed are guarded by m_lock, the names by the interpreter lock
+    std::vector<STag> m_tags;
+    std::shared_ptr<CTagCallback> m_tagNotifyFn RK_GUARDED_BY(m_lock);
 };
 
 /// One counted reference to a driver.

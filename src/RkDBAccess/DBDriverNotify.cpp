@@ -2,14 +2,15 @@
 #include "DBDriver.h"
 #include "NotifyWalk.h"
 
+#include <array>
+
 int CDBDriver::OnDBNotify(ULONG tagId, std::span<const BYTE> data, CPyThread* pPython)
 {
     if (tagId >= m_tags.size())
         return NOTIFY_NO_VALUE;
     STag& tag = m_tags[tagId];
     XVariant value;
-    CString strTagUtf8;
-    std::shared_ptr<CPyCallback> pFn;
+    std::shared_ptr<CTagCallback> pFn;
     int nUsed = 0;
     {
         const CThreadGuard guard(m_lock);
@@ -28,20 +29,19 @@ int CDBDriver::OnDBNotify(ULONG tagId, std::span<const BYTE> data, CPyThread* pP
             return nUsed;
         }
         tag.value = value;
-        strTagUtf8 = tag.strTagUtf8;
     }
-    const bool bStay = pPython->Call([&] { CallNotify(strTagUtf8, value, *pFn); });
+    const bool bStay = pPython->Call([&] { CallNotify(tag, value, *pFn); });
     return bStay ? nUsed : NOTIFY_LEAVE;
 }
 
-void CDBDriver::CallNotify(const CString& strTagUtf8, const XVariant& value, CPyCallback& fn)
+void CDBDriver::CallNotify(const STag& tag, const XVariant& value, CTagCallback& fn)
 {
     const CPyRef pValue(ValueToObj(&value));
     if (!pValue) {
         fn.ReportError(); // a type without a Python form has none: that change is passed over
         return;
     }
-    fn.Call(CPyRef(Py_BuildValue("(ssO)", m_strDriverUtf8.c_str(), strTagUtf8.c_str(), pValue.get())));
+    fn.Call(std::array{fn.driver.Of(m_strDriverUtf8), fn.tags[tag.id].Of(tag.strTagUtf8), pValue.get()});
 }
 
 bool CDBDriver::AwaitsFirstValue(ULONG tagId)

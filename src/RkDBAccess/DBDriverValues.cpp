@@ -371,7 +371,8 @@ bool CDBDriver::SetTagNotify(PyObject* pFn)
         if (!pCore || m_tagNotifyFn)
             return false;
     }
-    auto pKept = pCore->KeepCallback(pFn); // may run finalisers of a script
+    auto pKept = std::make_shared<CTagCallback>(pFn, m_tags.size());
+    pCore->KeepCallback(pKept); // may run finalisers of a script
     const CThreadGuard guard(m_lock);
     if (!m_pDBCore || m_tagNotifyFn)
         return false;
@@ -381,7 +382,7 @@ bool CDBDriver::SetTagNotify(PyObject* pFn)
 
 void CDBDriver::ForgetNotify()
 {
-    std::shared_ptr<CPyCallback> pFn; // outlives the lock
+    std::shared_ptr<CTagCallback> pFn; // outlives the lock
     const CThreadGuard guard(m_lock);
     pFn.swap(m_tagNotifyFn);
 }

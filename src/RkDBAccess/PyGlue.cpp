@@ -1,8 +1,13 @@
 // See PyGlue.h.
 #include "PyGlue.h"
 
+#include <algorithm>
+#include <array>
 #include <atomic>
+#include <cassert>
+#include <string_view>
 #include <unistd.h>
+#include <utility>
 
 namespace {
 
@@ -47,38 +52,66 @@ CPyCallback::CPyCallback(PyObject* pFn)
     m_pFn = NewPyRef(pFn);
 }
 
-/// What to call now, or null with or without an exception set.
-CPyRef CPyCallback::Target() noexcept
+void CPyCallback::WarnOnce() noexcept
 {
-    if (!m_pSelf)
-        return NewPyRef(m_pFn.get());
-    if (const CPyRef self = Referent(m_pSelf.get()))
-        return CPyRef(PyMethod_New(m_pFn.get(), self.get()));
-    if (!m_bWarned) {
-        m_bWarned = true;
-        WhilePythonLives([this] {
-            PyErr_WarnFormat(
-                PyExc_RuntimeWarning, 1,
-                "RkDBAccess: the instance of the registered method %R is gone; its calls are skipped",
-                m_pFn.get());
-        });
-    }
-    return nullptr;
+    if (std::exchange(m_bWarned, true))
+        return;
+    WhilePythonLives([this] {
+        PyErr_WarnFormat(
+            PyExc_RuntimeWarning, 1,
+            "RkDBAccess: the instance of the registered method %R is gone; its calls are skipped",
+            m_pFn.get());
+    });
+    ReportError(); // a warning may be an error
+}
+
+void CPyCallback::Call(std::span<PyObject* const> args) noexcept
+{
+    assert(args.size() <= MAX_ARGS);
+    if (std::ranges::find(args, nullptr) != args.end())
+        return ReportError();
+    const CPyRef self = m_pSelf ? Referent(m_pSelf.get()) : nullptr;
+    if (m_pSelf && !self)
+        return WarnOnce();
+    // A method's function gets the instance in front, which is what a bound method would do. The place before
+    // all arguments is the callee's to use.
+    std::array<PyObject*, 2 + MAX_ARGS> places{};
+    size_t nArgs = 0;
+    if (self)
+        places[++nArgs] = self.get();
+    for (PyObject* pArg : args)
+        places[++nArgs] = pArg;
+    const CPyRef result(WhilePythonLives([&] {
+        return PyObject_Vectorcall(m_pFn.get(), &places[1], nArgs | PY_VECTORCALL_ARGUMENTS_OFFSET, nullptr);
+    }));
+    if (result)
+        return;
+    const CPyRef method(self ? PyMethod_New(m_pFn.get(), self.get()) : nullptr);
+    WriteUnraisable(method ? method.get() : m_pFn.get());
 }
 
 void CPyCallback::Call(const CPyRef& args) noexcept
 {
-    const CPyRef target = args ? Target() : nullptr;
-    const CPyRef result(
-        target ? WhilePythonLives([&] { return PyObject_CallObject(target.get(), args.get()); }) : nullptr);
-    if (PyErr_Occurred())
-        WriteUnraisable(target ? target.get() : m_pFn.get());
+    if (!args)
+        return ReportError();
+    Call(std::span(PySequence_Fast_ITEMS(args.get()), static_cast<size_t>(PyTuple_GET_SIZE(args.get()))));
 }
 
 void CPyCallback::ReportError() noexcept
 {
     if (PyErr_Occurred())
         WriteUnraisable(m_pFn.get());
+}
+
+PyObject* CPyName::Of(const std::string& strUtf8) noexcept
+{
+    Py_ssize_t nLen = 0;
+    const char* szText = m_text ? PyUnicode_AsUTF8AndSize(m_text.get(), &nLen) : nullptr;
+    if (!szText || std::string_view(szText, static_cast<size_t>(nLen)) != strUtf8) {
+        PyErr_Clear();
+        m_text.reset(PyUnicode_FromStringAndSize(strUtf8.data(), static_cast<Py_ssize_t>(strUtf8.size())));
+    }
+    return m_text.get();
 }
 
 CPyThread::~CPyThread()

@@ -12,6 +12,8 @@
 
 #include <exception>
 #include <memory>
+#include <span>
+#include <string>
 
 /// Holds the calling thread for the rest of the process.
 [[noreturn]] void StayForGood() noexcept;
@@ -54,18 +56,34 @@ class CPyCallback
 public:
     explicit CPyCallback(PyObject* pFn);
 
-    /// Calls with the tuple; null arguments stand for an error that building them raised. Errors end in
-    /// sys.unraisablehook with the callable as their object; no exception is left pending.
+    static constexpr size_t MAX_ARGS = 10;
+
+    /// Calls with at most MAX_ARGS arguments, borrowed; a null one stands for an error that making it raised.
+    /// Errors end in sys.unraisablehook with the callable as their object; no exception is left pending.
+    void Call(std::span<PyObject* const> args) noexcept;
+    /// The same with a tuple's items, or null for an error that building it raised.
     void Call(const CPyRef& args) noexcept;
     /// Reports the pending exception, if there is one, as one of this callable.
     void ReportError() noexcept;
 
 private:
-    CPyRef Target() noexcept;
+    void WarnOnce() noexcept;
 
     CPyRef m_pFn;   // the callable, or a method's function
     CPyRef m_pSelf; // weak reference to a method's instance; null: none
     bool m_bWarned = false;
+};
+
+/// The text object of a name, made once and given again until the name is another.
+/// Used and destroyed under the interpreter lock.
+class CPyName
+{
+public:
+    /// Borrowed. Null with an exception set for what is no UTF-8.
+    PyObject* Of(const std::string& strUtf8) noexcept;
+
+private:
+    CPyRef m_text;
 };
 
 /// The interpreter lock for a receive thread: one thread state for the thread's life, the lock taken at the

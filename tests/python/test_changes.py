@@ -167,13 +167,18 @@ def test_a_tag_that_was_read_and_not_subscribed_has_changes_too(serve: Serve) ->
 
 def test_a_change_goes_by_the_name_that_was_looked_up_last(serve: Serve) -> None:
     session = serve(
-        d.looking_up(["A", "alias"], [5, 5]) + d.reading_numbers([5, 5], [7, 7]),
-        d.wait("watching") + push(change(5, I4, 8)),
+        d.looking_up(["A"], [5]) + d.reading_numbers([5], [7]),
+        d.wait("first") + push(change(5, I4, 8)),
+        d.looking_up(["alias"], [5]) + d.reading_numbers([5], [7]),
+        d.wait("second") + push(change(5, I4, 9), change(5, I4, 10)),
     )
     changes = watch(session)
-    assert read(session.boiler, "A,alias") == [7, 7]
-    session.peer.go("watching")
-    arrived(changes, [("Boiler", "alias", 8)])
+    assert read(session.boiler, "A") == 7
+    session.peer.go("first")
+    arrived(changes, [("Boiler", "A", 8)])
+    assert read(session.boiler, "alias") == 7
+    session.peer.go("second")
+    arrived(changes, [("Boiler", "A", 8), ("Boiler", "alias", 9), ("Boiler", "alias", 10)])
 
 
 def test_every_driver_has_a_callback_of_its_own(serve: Serve) -> None:

@@ -427,11 +427,12 @@ EConnect CDBCoreTest::Login(LPCSTR szUser, LPCSTR szPassword, DWORD& nRights)
 
 void CDBCoreTest::SetAlarmReceiver(PyObject* pFn, const CStringList& texts, const CStringList& tags)
 {
-    auto pReceiver = std::make_shared<SAlarmReceiver>(
-        SAlarmReceiver{Core().KeepCallback(pFn), std::make_shared<const CStringList>(texts),
-                       std::make_shared<const CStringList>(tags)});
+    const auto pKept = std::make_shared<CPyCallback>(pFn);
+    Core().KeepCallback(pKept);
+    const auto pReceiver = std::make_shared<const SAlarmReceiver>(
+        pKept, std::make_shared<const CStringList>(texts), std::make_shared<const CStringList>(tags));
     const CThreadGuard guard(Core().m_lock);
-    Core().m_rtAlarmNotifyFn = std::move(pReceiver);
+    Core().m_rtAlarmNotifyFn = pReceiver;
 }
 
 bool CDBCoreTest::Walk(CRecvBuffer& buffer)

@@ -1,6 +1,8 @@
 // Held callables, the interpreter lock as a receive thread takes it, and the flat functions behind the types.
 #include "core_fixture.h"
 
+#include <array>
+
 namespace {
 
 class PyCallback : public ::testing::Test
@@ -178,6 +180,67 @@ TEST_F(PyCallback, ReportingWithoutAnErrorReportsNothing)
     CPyCallback callback(scope.Eval("fn").get());
     callback.ReportError();
     EXPECT_EQ(m_unraisable.Count(), 0U);
+}
+
+TEST_F(PyCallback, AMissingArgumentIsReportedAndNothingIsCalled)
+{
+    CPyScope scope("got = []\nfn = lambda *a: got.append(a)");
+    CPyCallback callback(scope.Eval("fn").get());
+    const CPyRef first(PyLong_FromLong(1));
+    PyErr_SetString(PyExc_MemoryError, "none");
+    callback.Call(std::array<PyObject*, 2>{first.get(), nullptr});
+    EXPECT_FALSE(PyErr_Occurred());
+    EXPECT_EQ(scope.Show("got"), "[]");
+    EXPECT_EQ(m_unraisable.Show("seen"), "[('MemoryError', 'none')]");
+}
+
+TEST_F(PyCallback, AFunctionAMethodAndABuiltinGetAllArgumentsInOrder)
+{
+    CPyScope scope(R"(
+got = []
+class Client:
+    def on(self, *a): got.append(("method", *a))
+client = Client()
+def function(*a): got.append(("function", *a))
+class Callable:
+    def __call__(self, *a): got.append(("object", *a))
+import functools, types
+partial = functools.partial(function, "first")
+strange = types.MethodType(Callable(), client)
+)");
+    const CPyRef args(Py_BuildValue("(iiiiiiiiii)", 0, 1, 2, 3, 4, 5, 6, 7, 8, 9));
+    const CPyRef strange = scope.Eval("strange");
+    for (const char* szFn : {"function", "client.on", "Callable()", "partial"})
+        CPyCallback(scope.Eval(szFn).get()).Call(args);
+    scope.Run("all = tuple(range(10))");
+    EXPECT_EQ(scope.Show("got == [('function', *all), ('method', *all), ('object', *all), "
+                         "('function', 'first', *all)]"),
+              "True")
+        << scope.Show("got");
+    CPyCallback(strange.get()).Call(args);
+    EXPECT_EQ(scope.Show("got[-1] == ('object', client, *all)"), "True") << scope.Show("got[-1]");
+}
+
+TEST(PyName, IsMadeOnceUntilItIsAnother)
+{
+    CPyName name;
+    const CPyRef first = NewPyRef(name.Of("\xE7\x82\x89 1"));
+    EXPECT_EQ(Repr(first), "'\xE7\x82\x89 1'");
+    EXPECT_EQ(name.Of("\xE7\x82\x89 1"), first.get());
+    EXPECT_EQ(Repr(NewPyRef(name.Of("a"))), "'a'");
+    EXPECT_EQ(Repr(NewPyRef(name.Of("ab"))), "'ab'");
+    EXPECT_EQ(Repr(NewPyRef(name.Of(""))), "''");
+    EXPECT_EQ(Repr(first), "'\xE7\x82\x89 1'") << "who has kept it keeps it";
+}
+
+TEST(PyName, WhatIsNoUtf8HasNone)
+{
+    CPyName name;
+    ASSERT_NE(name.Of("a"), nullptr);
+    EXPECT_EQ(name.Of("\xCB"), nullptr);
+    EXPECT_TRUE(PyErr_ExceptionMatches(PyExc_UnicodeDecodeError));
+    PyErr_Clear();
+    EXPECT_EQ(Repr(NewPyRef(name.Of("a"))), "'a'");
 }
 
 TEST_F(PyCallback, CallsLeaveReferenceCountsAsTheyWere)
