@@ -13,13 +13,14 @@
 #include <cstddef>
 #include <span>
 
-/// The registration request's record in its plain form:
+/// The record of the two registration requests in its plain form; without a relay the open request is the
+/// identifier alone:
 ///
-///   offset  size    open request, relay          open request, direct   register request
-///   0       16      client identifier            client identifier      client identifier
-///   16      6       gateway address, zeros       -                      host name of length L,
-///   NUL-terminated, 22      n + 1   server name, NUL-terminated  -                      then login flag (17
-///   + L), 1 (18 + L)
+///   offset  size   open request            offset  size   register request
+///   0       16     client identifier       0       16     client identifier
+///   16      6      gateway address, zeros  16      L + 1  host name, NUL
+///   22      n + 1  server name, NUL        17 + L  1      login flag
+///                                          18 + L  1      1
 struct SNRegReq
 {
     static constexpr size_t OFFSET_BODY = sizeof(_GUID);

@@ -114,7 +114,8 @@ void DBEndAll()
         return 0;
     });
     // A thread that awaits the interpreter lock now must have it and be gone before the interpreter ends.
-    Py_BEGIN_ALLOW_THREADS for (auto nLeft = EXIT_STEPS; nLeft > 0 && CDBCore::CountThreads() > 0; --nLeft)
+    PyThreadState* pState = PyEval_SaveThread();
+    for (auto nLeft = EXIT_STEPS; nLeft > 0 && CDBCore::CountThreads() > 0; --nLeft)
         std::this_thread::sleep_for(EXIT_STEP);
-    Py_END_ALLOW_THREADS
+    PyEval_RestoreThread(pState);
 }
