@@ -40,6 +40,8 @@ void CDBDriver::SetTagCount(ULONG dwCount)
     m_tags.resize(dwCount);
     for (size_t i = 0; i < m_tags.size(); ++i)
         m_tags[i].id = static_cast<WORD>(i);
+    m_strKnownTags.clear();
+    m_knownSlots.clear();
 }
 
 void CDBDriver::Resolve(const CString& strTag, WORD nPos)
@@ -78,6 +80,24 @@ bool CDBDriver::FlushNames(CDBCore* pCore, std::list<CString>& pending, std::vec
 bool CDBDriver::CheckTagId(const char* tags, TagSlots& reqTags)
 {
     const CString strTags(tags);
+    if (strTags != m_strKnownTags) {
+        TagSlots slots;
+        bool bAsked = false;
+        const bool bDone = LookUp(strTags, slots, bAsked);
+        if (!bDone || bAsked || slots.size() < 2) {
+            reqTags.insert(reqTags.end(), slots.begin(), slots.end());
+            return bDone;
+        }
+        m_strKnownTags = strTags; // changes nothing if there is no memory for it
+        m_knownSlots.swap(slots);
+    }
+    reqTags.insert(reqTags.end(), m_knownSlots.begin(), m_knownSlots.end());
+    return true;
+}
+
+/// What CheckTagId does for a list that is not known as a whole; bAsked: names were new.
+bool CDBDriver::LookUp(const CString& strTags, TagSlots& slots, bool& bAsked)
+{
     CDBCore* pCore = m_pDBCore;
     std::list<CString> pending;
     std::vector<char> request(1, static_cast<char>(CMD_GET_POS));
@@ -87,22 +107,23 @@ bool CDBDriver::CheckTagId(const char* tags, TagSlots& reqTags)
         strTag.Trim(' ');
         const auto it = m_mapTagToId.find(strTag);
         if (strTag.empty() || (it == m_mapTagToId.end() && strTag.size() > LOOKUP_MAX_NAME)) {
-            reqTags.push_back(nullptr);
+            slots.push_back(nullptr);
             continue;
         }
         if (it != m_mapTagToId.end()) {
-            reqTags.push_back(SlotAt(it->second));
+            slots.push_back(SlotAt(it->second));
             continue;
         }
+        bAsked = true;
         if (request.size() + strTag.size() + LOOKUP_PER_NAME > LOOKUP_SIZE &&
-            !FlushNames(pCore, pending, request, reqTags))
+            !FlushNames(pCore, pending, request, slots))
             return false;
         request.push_back(static_cast<char>(m_drvId & 0xFF));
         request.push_back(static_cast<char>(m_drvId >> 8));
         request.insert(request.end(), strTag.c_str(), strTag.c_str() + strTag.size() + 1);
         pending.push_back(std::move(strTag));
     }
-    return pending.empty() || FlushNames(pCore, pending, request, reqTags);
+    return pending.empty() || FlushNames(pCore, pending, request, slots);
 }
 
 bool CDBDriver::ReqBatchGetPoss(const std::list<CString>& curTags, const char* szSend, ULONG nLen,

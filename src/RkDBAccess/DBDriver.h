@@ -120,6 +120,7 @@ private:
 
     STag* SlotAt(WORD nPos) noexcept { return nPos < m_tags.size() ? &m_tags[nPos] : nullptr; }
     void Resolve(const CString& strTag, WORD nPos);
+    bool LookUp(const CString& strTags, TagSlots& slots, bool& bAsked);
     bool FlushNames(CDBCore* pCore, std::list<CString>& pending, std::vector<char>& request,
                     TagSlots& reqTags);
     static TagSlots NotSubscribed(const TagSlots& reqTags, size_t nMax);
@@ -157,6 +158,10 @@ private:
     std::atomic<CDBCore*> m_pDBCore;
     std::atomic<bool> m_bAdvising{false};
     std::map<CString, WORD> m_mapTagToId; // NO_TAG and positions beyond the table: asked, and no such tag
+    // The last list of which every name was in the map, and what it stands for: the map only grows and slots
+    // stay where they are, so that holds on. Scripts that poll ask for the same list again and again.
+    CString m_strKnownTags;
+    TagSlots m_knownSlots;
     CString m_strDriverUtf8;
 
     CThreadLock m_lock;

@@ -71,6 +71,36 @@ TEST_F(DriverNames, NamesTravelInTheInternalEncodingWithTheirDriversId)
     EXPECT_EQ(Check("\xCB\xAE\xCE\xBB", true, m_pB), Positions{1999});
 }
 
+TEST_F(DriverNames, AListThatIsKnownAsAWholeIsAnsweredAsItsNamesWouldBe)
+{
+    Learn(*m_pA, {{"A", 3, {}}, {"B", 4, {}}, {"Z", NO_TAG, {}}});
+    for (int i = 0; i < 3; ++i) {
+        EXPECT_EQ(Check("A,Z,B"), (Positions{3, -1, 4}));
+        EXPECT_EQ(Check("B,A"), (Positions{4, 3}));
+        EXPECT_EQ(Check("B,A"), (Positions{4, 3}));
+        EXPECT_EQ(Check("B,A,"), (Positions{4, 3}));
+        EXPECT_EQ(Check("A"), Positions{3});
+        EXPECT_EQ(Check(""), Positions{});
+    }
+    EXPECT_TRUE(m_req.IsSilent());
+    CDBDriver::TagSlots out{nullptr};
+    EXPECT_TRUE(m_pA->CheckTagId("B,A", out));
+    ASSERT_EQ(out.size(), 3U) << "appended to what is there";
+    EXPECT_EQ(out[1]->id, 4);
+}
+
+TEST_F(DriverNames, AListWithNewNamesComesInTheOrderOfItsNamesOnceAllAreKnown)
+{
+    Learn(*m_pA, {{"A", 3, {}}, {"B", 4, {}}});
+    EXPECT_EQ(Check("A,B"), (Positions{3, 4}));
+    EXPECT_EQ(Ask("A,New,B", U8('L') + Name("New"), U8('L') + Pos(5)), (Positions{3, 4, 5}));
+    EXPECT_EQ(Check("A,New,B"), (Positions{3, 5, 4}));
+    EXPECT_EQ(Check("A,New,B"), (Positions{3, 5, 4}));
+    m_req.Close();
+    EXPECT_EQ(Check("A,Newer,B", false), (Positions{3, 4})) << "not known: asked for, and it failed";
+    EXPECT_EQ(Check("A,New,B"), (Positions{3, 5, 4}));
+}
+
 TEST_F(DriverNames, ANameIsAskedForOnce)
 {
     Learn(*m_pA, {{"A", 3, {}}, {"B", 4, {}}});
