@@ -86,11 +86,17 @@ bool SetOption(SOCKET hSocket, int nLevel, int nName, int nValue) noexcept
     return ::setsockopt(hSocket, nLevel, nName, &nValue, sizeof nValue) == 0;
 }
 
-/// Requests are short and each awaits its reply: gathering them in the kernel would only delay them. Only
-/// stream sockets know the option; for others the refusal means nothing.
-void SendAtOnce(SOCKET hSocket) noexcept
+/// Requests are short and each awaits its reply: gathering them in the kernel would only delay them. A
+/// network that fails says nothing, and who only listens would wait for ever: the kernel asks a peer that has
+/// been silent whether it is still there. Only stream sockets know the options; for others the refusal means
+/// nothing.
+void SetStreamOptions(SOCKET hSocket) noexcept
 {
-    static_cast<void>(SetOption(hSocket, IPPROTO_TCP, TCP_NODELAY, 1));
+    SetOption(hSocket, IPPROTO_TCP, TCP_NODELAY, 1);
+    SetOption(hSocket, IPPROTO_TCP, TCP_KEEPIDLE, CSyncSocket::PROBE_AFTER_S);
+    SetOption(hSocket, IPPROTO_TCP, TCP_KEEPINTVL, CSyncSocket::PROBE_EVERY_S);
+    SetOption(hSocket, IPPROTO_TCP, TCP_KEEPCNT, CSyncSocket::PROBES);
+    SetOption(hSocket, SOL_SOCKET, SO_KEEPALIVE, 1);
 }
 
 /// Number 0 means no socket here, but it is free in a process that was started without standard input.
@@ -170,7 +176,7 @@ bool CSyncSocket::Create(UINT nPort, int nType, LPCSTR szAddr, int nReuse)
     if (hSocket == -1)
         return false;
     SetHandle(hSocket);
-    SendAtOnce(hSocket);
+    SetStreamOptions(hSocket);
     if (nPort == 0 && !szAddr)
         return true;
     if (nReuse != 0)
@@ -244,7 +250,7 @@ bool CSyncSocket::Accept(CSyncSocket& sockNew, sockaddr* pAddr, socklen_t* pAddr
                                 [&] { return ::accept4(hListener, pAddr, pAddrLen, SOCK_CLOEXEC); });
     sockNew.SetHandle(hNew);
     if (hNew != -1)
-        SendAtOnce(hNew);
+        SetStreamOptions(hNew);
     return hNew != -1;
 }
 

@@ -1,8 +1,9 @@
 // Blocking IPv4 stream sockets with millisecond time-outs, and nothing more: no protocol lives here.
 //
 // Results are booleans or byte counts; nothing throws. A call that a handled signal interrupts is resumed
-// and still ends by the time-out it began with. Every socket is close-on-exec, sends without SIGPIPE and
-// never waits for the kernel to gather small packets (TCP_NODELAY).
+// and still ends by the time-out it began with. Every socket is close-on-exec, sends without SIGPIPE, never
+// waits for the kernel to gather small packets (TCP_NODELAY), and has the kernel probe a silent peer
+// (SO_KEEPALIVE), so that a call without a time-out ends when the network is gone.
 //
 // Threads: one thread transfers at a time, but any thread may Close() or ShutDown() meanwhile. Each call
 // pins the descriptor, so its number is closed once, by whoever leaves it last, and is never reused by the
@@ -39,6 +40,11 @@ class CSyncSocket
 {
 public:
     static constexpr int RECV_EXPIRED = -3; // RecvTimeOut: nothing came in time (0: peer closed, -1: error)
+    // A peer that has been silent is probed after a while, and taken for gone after so many probes: 90 s in
+    // all.
+    static constexpr int PROBE_AFTER_S = 30;
+    static constexpr int PROBE_EVERY_S = 10;
+    static constexpr int PROBES = 6;
 
     CSyncSocket() noexcept = default;
     explicit CSyncSocket(SOCKET hSocket);

@@ -228,11 +228,12 @@ def test_connecting_to_another_server_leaves_the_first(play: Play, project: str)
     assert core.GetDriver("Boiler").GetTagValue("T") == 8
 
 
-def test_both_sockets_close_on_exec_and_send_at_once(play: Play, project: str) -> None:
+def test_both_sockets_close_on_exec_send_at_once_and_probe_a_silent_server(play: Play, project: str) -> None:
     peer = play(d.connecting(project))
     core = connect(peer.host)
     with sockets_of(peer.addresses["server"]) as pair:
         assert [one.getsockopt(socket.IPPROTO_TCP, socket.TCP_NODELAY) for one in pair] == [1, 1]
+        assert [one.getsockopt(socket.SOL_SOCKET, socket.SO_KEEPALIVE) for one in pair] == [1, 1]
     flags = [fcntl.fcntl(number, fcntl.F_GETFD) for number in sockets_to(peer.addresses["server"])]
     assert flags == [fcntl.FD_CLOEXEC] * 2
     del core

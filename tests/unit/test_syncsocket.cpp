@@ -198,12 +198,16 @@ TEST(SyncSocket, CreateThatCannotBindHoldsNothing)
     EXPECT_EQ(sock.GetHandle(), -1);
 }
 
-TEST(SyncSocket, EverySocketSendsAtOnceAndIsClosedOnExec)
+TEST(SyncSocket, EverySocketSendsAtOnceProbesASilentPeerAndIsClosedOnExec)
 {
     SPair pair; // one end created, the other accepted
     for (const CSyncSocket* pSock :
          {static_cast<const CSyncSocket*>(&pair.client), &std::as_const(pair.server)}) {
         EXPECT_EQ(Option(*pSock, IPPROTO_TCP, TCP_NODELAY), 1);
+        EXPECT_EQ(Option(*pSock, SOL_SOCKET, SO_KEEPALIVE), 1);
+        EXPECT_EQ(Option(*pSock, IPPROTO_TCP, TCP_KEEPIDLE), 30);
+        EXPECT_EQ(Option(*pSock, IPPROTO_TCP, TCP_KEEPINTVL), 10);
+        EXPECT_EQ(Option(*pSock, IPPROTO_TCP, TCP_KEEPCNT), 6);
         EXPECT_TRUE(::fcntl(pSock->GetHandle(), F_GETFD) & FD_CLOEXEC);
     }
 }
