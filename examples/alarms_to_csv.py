@@ -1,6 +1,8 @@
 """Writes every alarm as a line of a CSV file: first those that are active now, then each as it comes, until Ctrl-C.
 
-python examples/alarms_to_csv.py --host 192.0.2.10 alarms.csv
+After a loss it reconnects, and what is active then is written (again): nothing that happened meanwhile is missed.
+
+python examples/alarms_to_csv.py --host 192.0.2.10 Boiler alarms.csv
 """
 
 from __future__ import annotations
@@ -33,11 +35,11 @@ class AlarmFile:
 def main() -> None:
     parser = plant.parser(__doc__)
     parser.add_argument("--seconds", type=float, default=float("inf"), help="end after so long")
+    parser.add_argument("driver", help="any driver of the project: tells whether the connection still stands")
     parser.add_argument("file", type=Path)
     arguments = parser.parse_args()
-    db = plant.connect(arguments)
-    db.SetRtAlarmNotify(AlarmFile(arguments.file), 1)
-    plant.wait(arguments.seconds)
+    alarms = AlarmFile(arguments.file)
+    plant.listen(arguments, lambda db: db.SetRtAlarmNotify(alarms, 1))
 
 
 if __name__ == "__main__":

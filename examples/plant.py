@@ -7,9 +7,13 @@ from __future__ import annotations
 
 import argparse
 import contextlib
+import sys
 import time
+from collections.abc import Callable
 
 import RkDBAccess
+
+RETRY_SECONDS = 5.0
 
 MEANINGS = {
     -1: "the server refused the user name or the password",
@@ -44,9 +48,40 @@ def driver(db: RkDBAccess.DBCore, name: str) -> RkDBAccess.Driver:
         raise SystemExit(f"the project has no driver {name}") from None
 
 
-def wait(seconds: float) -> None:
-    """Lets the connection's thread do its work, until the time is up or Ctrl-C ends it."""
-    end = time.monotonic() + seconds
+def reconnect(arguments: argparse.Namespace) -> RkDBAccess.DBCore:
+    """A new connection after a loss, tried again until the server is back.
+
+    Nothing reconnects by itself, and drivers belong to their connection. A new object, because one that has registered
+    for alarms does not do so again.
+    """
+    while True:
+        print("the connection is lost; trying again", file=sys.stderr, flush=True)
+        time.sleep(RETRY_SECONDS)
+        db = RkDBAccess.DBCore()
+        if db.Connect(arguments.host, arguments.user, arguments.password) == 0:
+            return db
+
+
+def is_connected(db: RkDBAccess.DBCore, name: str) -> bool:
+    """Whether the connection stands, told by a driver that exists: once it has ended there are none any more."""
+    try:
+        db.GetDriver(name)
+    except SystemError:
+        return False
+    return True
+
+
+def listen(arguments: argparse.Namespace, register: Callable[[RkDBAccess.DBCore], None]) -> None:
+    """Connects, registers, and lets the connection's thread do its work until the time is up or Ctrl-C ends it.
+
+    When the connection is lost, all of it again.
+    """
+    end = time.monotonic() + arguments.seconds
+    db = connect(arguments)
     with contextlib.suppress(KeyboardInterrupt):
+        register(db)
         while (left := end - time.monotonic()) > 0:
             time.sleep(min(1.0, left))
+            if not is_connected(db, arguments.driver):
+                db = reconnect(arguments)
+                register(db)

@@ -5,6 +5,7 @@ python examples/poll.py --host 192.0.2.10 --seconds 1 Boiler Level Pressure
 
 from __future__ import annotations
 
+import contextlib
 import time
 from datetime import datetime
 
@@ -14,8 +15,13 @@ import RkDBAccess
 
 
 def known_tags(driver: RkDBAccess.Driver, tags: list[str]) -> list[str]:
-    """The tags that the server knows. Asking for each once also fixes the order of later lists."""
-    return [tag for tag in tags if driver.GetTagValue(tag) is not None]
+    """The tags that have a value to show. A list must not hold others, and asking for each once fixes its order."""
+    known = []
+    for tag in tags:
+        with contextlib.suppress(SystemError):  # a date or another type without a Python form
+            if driver.GetTagValue(tag) is not None:
+                known.append(tag)
+    return known
 
 
 def main() -> None:
@@ -33,11 +39,9 @@ def main() -> None:
     done = 0
     while arguments.rounds == 0 or done < arguments.rounds:
         values = driver.GetTagValue(",".join(tags))
-        if values is None:  # lost: nothing reconnects by itself, and the driver belongs to the old connection
-            print("the connection is lost; trying again", flush=True)
-            time.sleep(5)
-            if db.Connect(arguments.host, arguments.user, arguments.password) == 0:
-                driver = plant.driver(db, arguments.driver)
+        if values is None:
+            db = plant.reconnect(arguments)
+            driver = plant.driver(db, arguments.driver)
             continue
         row = values if isinstance(values, list) else [values]
         print(f"{datetime.now():%H:%M:%S}", *(f"{tag}={value}" for tag, value in zip(tags, row)), flush=True)

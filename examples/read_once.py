@@ -7,6 +7,16 @@ from __future__ import annotations
 
 import plant
 
+import RkDBAccess
+
+
+def shown(driver: RkDBAccess.Driver, tag: str) -> object:
+    """The tag's value, or what stands for one that Python cannot show."""
+    try:
+        return driver.GetTagValue(tag)
+    except SystemError:
+        return "(a date or another type without a Python form)"
+
 
 def main() -> None:
     parser = plant.parser(__doc__)
@@ -17,7 +27,7 @@ def main() -> None:
     driver = plant.driver(db, arguments.driver)
     # One name a call: a list would leave the places of unknown names unset, which no script may touch.
     for tag in arguments.tags:
-        print(f"{tag} = {driver.GetTagValue(tag)}")
+        print(f"{tag} = {shown(driver, tag)}")
 
 
 if __name__ == "__main__":

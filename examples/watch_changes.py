@@ -1,4 +1,4 @@
-"""Subscribes tags of one driver and prints every change that the server sends, until Ctrl-C.
+"""Subscribes tags of one driver and prints every change that the server sends, until Ctrl-C. Reconnects after a loss.
 
 python examples/watch_changes.py --host 192.0.2.10 Boiler Level Pressure
 """
@@ -8,6 +8,8 @@ from __future__ import annotations
 from datetime import datetime
 
 import plant
+
+import RkDBAccess
 
 
 def show(driver: str, tag: str, value: object) -> None:
@@ -21,12 +23,14 @@ def main() -> None:
     parser.add_argument("driver")
     parser.add_argument("tags", nargs="+")
     arguments = parser.parse_args()
-    db = plant.connect(arguments)
-    driver = plant.driver(db, arguments.driver)
-    driver.SetTagNotify(show)
-    if driver.ConnectTag(",".join(arguments.tags)) != 1:
-        raise SystemExit("the tags could not be subscribed")
-    plant.wait(arguments.seconds)
+
+    def register(db: RkDBAccess.DBCore) -> None:
+        driver = plant.driver(db, arguments.driver)
+        driver.SetTagNotify(show)
+        if driver.ConnectTag(",".join(arguments.tags)) != 1:
+            raise SystemExit("the tags could not be subscribed")
+
+    plant.listen(arguments, register)
 
 
 if __name__ == "__main__":

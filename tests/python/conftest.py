@@ -227,13 +227,13 @@ def rkdbsim_path() -> Path:
 
 
 class Simulator:
-    """A running simulator on a port of its own choice."""
+    """A running simulator on a port of its own choice, or on one that another had before."""
 
     GREETING = "listening on 127.0.0.1:"
 
-    def __init__(self, program: Path, arguments: Sequence[str]) -> None:
+    def __init__(self, program: Path, arguments: Sequence[str], port: int = 0) -> None:
         self._process = subprocess.Popen(
-            [str(program), *arguments, "--port", "0"], stdout=subprocess.PIPE, bufsize=0, stdin=subprocess.DEVNULL
+            [str(program), *arguments, "--port", str(port)], stdout=subprocess.PIPE, bufsize=0, stdin=subprocess.DEVNULL
         )
         assert self._process.stdout is not None
         line = b""
@@ -269,12 +269,12 @@ def simulator(rkdbsim_path: Path, tmp_path: Path, hosts: list[str]) -> Iterator[
     """Starts simulators: with a project file, or with the text of one. Each must end cleanly on SIGTERM."""
     running: list[Simulator] = []
 
-    def start(project_file: Path | str, *arguments: str) -> Simulator:
+    def start(project_file: Path | str, *arguments: str, port: int = 0) -> Simulator:
         path = project_file
         if isinstance(path, str):
             text, path = path, tmp_path / f"project{len(running)}.toml"
             path.write_text(text, encoding="utf-8")
-        started = Simulator(rkdbsim_path, [str(path), *arguments])
+        started = Simulator(rkdbsim_path, [str(path), *arguments], port)
         running.append(started)
         hosts.append(started.host)
         return started
