@@ -14,6 +14,8 @@
 #include "RtAlarm.h"
 
 #include <atomic>
+#include <chrono>
+#include <functional>
 #include <map>
 #include <memory>
 #include <vector>
@@ -111,8 +113,10 @@ private:
     bool LetReceiveThreadGo();
     bool HasTag(WORD nDriver, WORD nTag);
     CDriverRef DriverAt(WORD nDriver);
+    void HoldWhile(CPyThread* pPython, std::chrono::milliseconds nMost, const std::function<bool()>& fn);
     int OnDriverNotify(WORD nDriver, std::span<const BYTE> bytes, CPyThread* pPython);
     int OnAlarm(std::span<const BYTE> record, CPyThread* pPython);
+    std::shared_ptr<const SAlarmReceiver> AlarmReceiver();
     bool WalkReceive(CRecvBuffer& buffer, CPyThread& python);
     bool LoseConnection();
     bool ReadActiveAlarms(std::vector<S2RtAlarm2>& alarms);
@@ -121,7 +125,8 @@ private:
     CForkMark m_fork;
     std::atomic<bool> m_bConnect{false}; // also the receive thread's run flag
     std::shared_ptr<CRecvLink> m_pRecvLink;
-    StringListPtr m_textList; // null: not loaded
+    std::atomic<bool> m_bRegistering{false}; // a registration for alarms is under way
+    StringListPtr m_textList;                // null: not loaded
     StringListPtr m_tagList;
     std::vector<std::shared_ptr<CPyCallback>> m_callbacks; // interpreter lock
 

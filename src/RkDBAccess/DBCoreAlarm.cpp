@@ -4,8 +4,10 @@
 #include "DBCore.h"
 
 #include "DownFile.h"
+#include "ThreadHelp.h"
 
 #include <array>
+#include <chrono>
 #include <ctime>
 #include <datetime.h>
 
@@ -14,6 +16,7 @@ namespace {
 constexpr size_t LINE_SIZE = 256; // of a list file, terminator included
 constexpr size_t HEAD_SIZE = 3;   // of an alarm notification
 constexpr const char* UNKNOWN_TEXT = "???";
+constexpr auto RECEIVER_WAIT = std::chrono::seconds(8); // for a registration that is under way
 
 /// A naive datetime of local time. Null with an exception set when there is none.
 CPyRef LocalDateTime(DWORD nSeconds)
@@ -90,13 +93,18 @@ void FireRtAlarm(CPyCallback& rtAlarmNotifyFn, const S2RtAlarm2& alarm, const CS
                              alarm.level, alarm.value, alarm.limit, alarm.status)));
 }
 
+std::shared_ptr<const SAlarmReceiver> CDBCore::AlarmReceiver()
+{
+    const CThreadGuard guard(m_lock);
+    return m_rtAlarmNotifyFn;
+}
+
 int CDBCore::OnAlarm(std::span<const BYTE> bytes, CPyThread* pPython)
 {
-    std::shared_ptr<const SAlarmReceiver> pReceiver;
-    {
-        const CThreadGuard guard(m_lock);
-        pReceiver = m_rtAlarmNotifyFn;
-    }
+    // From its answer to a registration on the server pushes alarms, but the lists are still to be fetched.
+    if (m_bRegistering)
+        HoldWhile(pPython, RECEIVER_WAIT, [this] { return m_bRegistering.load(); });
+    const auto pReceiver = AlarmReceiver();
     const int nLen = static_cast<int>(bytes.size());
     if (!pReceiver || !pPython)
         return nLen;
@@ -142,11 +150,9 @@ StringListPtr CDBCore::LoadStringList(const char* szFile)
 
 int CDBCore::_SetRtAlarmNotify(PyObject* rtAlarmNotifyFn, bool notifyExisting)
 {
-    {
-        const CThreadGuard guard(m_lock);
-        if (m_rtAlarmNotifyFn)
-            return -1;
-    }
+    if (AlarmReceiver())
+        return -1;
+    const CFlagScope registering(m_bRegistering);
     std::vector<S2RtAlarm2> alarms;
     if (!ReadActiveAlarms(alarms))
         return -2;

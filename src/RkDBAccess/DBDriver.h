@@ -140,23 +140,10 @@ private:
     EWrite SendItems(CDBCore& core, const std::vector<std::vector<BYTE>>& items);
     void CallNotify(const STag& tag, const XVariant& value, CTagCallback& fn);
 
-    /// Says for one scope that a subscription request is under way.
-    class CAdvising
-    {
-    public:
-        explicit CAdvising(std::atomic<bool>& bFlag) noexcept : m_bFlag(bFlag) { m_bFlag = true; }
-        ~CAdvising() { m_bFlag = false; }
-        CAdvising(const CAdvising&) = delete;
-        CAdvising& operator=(const CAdvising&) = delete;
-
-    private:
-        std::atomic<bool>& m_bFlag;
-    };
-
     const CForkMark m_fork;
     std::atomic<int> m_nRefs{0};
     std::atomic<CDBCore*> m_pDBCore;
-    std::atomic<bool> m_bAdvising{false};
+    std::atomic<bool> m_bAdvising{false}; // a subscription request is under way
     std::map<CString, WORD> m_mapTagToId; // NO_TAG and positions beyond the table: asked, and no such tag
     // The last list of which every name was in the map, and what it stands for: the map only grows and slots
     // stay where they are, so that holds on. Scripts that poll ask for the same list again and again.

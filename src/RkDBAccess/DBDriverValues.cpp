@@ -13,6 +13,7 @@
 #include "DBCore.h"
 #include "DBDriver.h"
 #include "Silence.h"
+#include "ThreadHelp.h"
 
 #include <array>
 #include <bit>
@@ -269,7 +270,7 @@ bool CDBDriver::_ConnectTag(const char* tags)
             pTag->bPushed = false;
         }
     }
-    const CAdvising advising(m_bAdvising);
+    const CFlagScope advising(m_bAdvising);
     CExchange exchange(*pCore);
     if (!pCore->m_reqSock.SendAll(request.data(), static_cast<int>(writer.Length()), 0) ||
         !ReadAdvised(*pCore, wanted))

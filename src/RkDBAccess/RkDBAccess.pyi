@@ -100,10 +100,11 @@ class DBCore:
             10. status: `int` from 0 to 255, the server's meaning.
         notifyExisting: true to be called, before this method returns and in the calling thread, for the alarms that
             are active now, the one reported last first; 0 to be called for later ones only. Later alarms come in the
-            receive thread.
+            receive thread; those that come in while this method runs wait for its end, for 8 seconds at most.
 
         Returns None in every case. The first registration stays in force for the life of this object; a later one
-        changes nothing. A registration that the server did not answer leaves none in force, silently.
+        changes nothing, and after a new `Connect` the server is not asked again: make a new `DBCore`. A registration
+        that the server did not answer leaves none in force, silently.
         Raises `TypeError` "parameter must be callable".
         """
 

@@ -215,6 +215,17 @@ def test_an_hour_that_comes_twice_is_no_error(serve: Serve) -> None:
 ACTIVE = [Alarm().numbered(number) for number in range(1, 4)]
 
 
+def test_alarms_pushed_while_the_registration_is_under_way_come_after_it(serve: Serve) -> None:
+    session = serve(
+        d.want("req", w.ALARM) + push(alarm_notification(FULL.numbered(2))),
+        d.send("req", alarm_reply([FULL.numbered(1)])) + push(alarm_notification(FULL.numbered(3))),
+        w.fetching_lists() + push(alarm_notification(FULL.numbered(4))),
+    )
+    calls = register(session, existing=1)
+    assert settles(lambda: len(calls) == 4)
+    assert [(call[7], call[2]) for call in calls] == [(number, "一号泵") for number in (1.0, 2.0, 3.0, 4.0)]
+
+
 def test_active_alarms_come_last_first_before_the_registration_returns(serve: Serve) -> None:
     session = serve(registering_alarms(ACTIVE), GOES_ON)
     calls: Calls = []
@@ -377,11 +388,16 @@ def test_a_reply_that_ends_early_fails(serve: Serve, got: int, end: d.Steps) -> 
 
 def test_a_failed_registration_leaves_alarms_to_nobody(serve: Serve) -> None:
     session = serve(
-        d.want("req", b"n") + d.send("req", b"0") + push(alarm_notification(FULL)) + d.pause(0.1),
+        w.subscribing(["A"], [5], [wire.typed(wire.VT_I4, 0)]),
+        d.want("req", b"n") + d.send("req", b"0"),
+        d.wait("refused") + push(alarm_notification(FULL), w.change(5, wire.VT_I4, 1)),
         registering_alarms(),
         d.wait("registered") + push(alarm_notification(FULL.numbered(2))),
     )
+    assert session.boiler.ConnectTag("A") == 1
     refused = register(session)
+    session.peer.go("refused")
+    assert settles(lambda: read(session.boiler, "A") == 1)  # so the alarm before it has passed
     calls = register(session)
     session.peer.go("registered")
     assert settles(lambda: len(calls) == 1)

@@ -61,8 +61,9 @@ class Example:
     """A running example and the lines that it has printed."""
 
     def __init__(self, script: str, host: str, *arguments: str) -> None:
+        # What a shell starts in the background ignores Ctrl-C, and so would this.
         self._process = subprocess.Popen(
-            [sys.executable, str(CHECKOUT / "examples" / script), "--host", host, *arguments],
+            ["env", "--default-signal=INT", sys.executable, CHECKOUT / "examples" / script, "--host", host, *arguments],
             env={**os.environ, "PYTHONPATH": os.pathsep.join(path for path in sys.path if path)},
             stdout=subprocess.PIPE,
             stderr=subprocess.STDOUT,

@@ -560,6 +560,7 @@ assert handled.count(signal.SIGALRM) > 5 and handled.count(signal.SIGUSR1) > 5, 
 def test_a_keyboard_interrupt_goes_to_the_script_and_the_stream_goes_on(play: Play, project: str) -> None:
     script = f"""
 import signal
+signal.signal(signal.SIGINT, signal.default_int_handler)  # ignored where a shell has started all this in the background
 def on_change(driver, tag, value):
     if value == 1000:
         os.kill(os.getpid(), signal.SIGINT)

@@ -349,6 +349,60 @@ TEST_F(Alarms, PushedOnesOfBothSubTypesCallTheReceiverAndTheStreamGoesOn)
                               ", 'tag 0', 1, 'type 0', 'type 1', 0, 0.0, 0.0, 0)");
 }
 
+TEST_F(Alarms, OnesPushedWhileTheRegistrationIsUnderWayWaitForItsEnd)
+{
+    Subscribe(*m_pA, {{"n", 1, Typed(VT_I4, U32(0))}});
+    StartReceiving();
+    const CPlay play([&] {
+        m_req.Want(U8('n'));
+        m_rcv.Send(Pushed(1, {ALARM_TIME, 0, 1, 1, 0, 5, 6, 7.5, 8.5}) + Change(0, 1, U32(9)));
+        std::this_thread::sleep_for(std::chrono::milliseconds(50)); // for the receive thread to have them
+        m_req.Send(U8('n') + U16(1) + Record({ALARM_TIME, 0, 0}));
+        m_rcv.Send(Pushed(3, {ALARM_TIME, 0, 1}));
+        SendLists();
+    });
+    EXPECT_EQ(Core()._SetRtAlarmNotify(m_fn.get(), true), 0);
+    ASSERT_TRUE(WaitWhileOthersRun([&] { return m_calls.size() == 3; }));
+    EXPECT_NE(m_calls[0].find("'tag 0'"), std::string::npos) << "the active one comes first";
+    EXPECT_NE(m_calls[1].find("'tag 1', 0, 'type 1'"), std::string::npos) << m_calls[1];
+    EXPECT_NE(m_calls[2].find("'tag 1', 0, 'type 0'"), std::string::npos) << m_calls[2];
+    EXPECT_EQ(Read(*m_pA, "n"), "9");
+}
+
+TEST_F(Alarms, OnesPushedBeforeARegistrationThatFailsAreSkippedAndTheStreamGoesOn)
+{
+    Subscribe(*m_pA, {{"n", 1, Typed(VT_I4, U32(0))}});
+    StartReceiving();
+    const CPlay play([&] {
+        m_req.Want(U8('n'));
+        m_rcv.Send(Pushed(1, {ALARM_TIME}) + Change(0, 1, U32(9)));
+        m_req.Send(U8('0'));
+    });
+    EXPECT_EQ(Core()._SetRtAlarmNotify(m_fn.get(), true), -2);
+    ASSERT_TRUE(WaitUntil([&] { return Read(*m_pA, "n") == "9"; }));
+    EXPECT_TRUE(m_calls.empty());
+}
+
+TEST_F(Alarms, AStreamThatWaitsForARegistrationHoldsUpNoDisconnect)
+{
+    StartReceiving();
+    const CPyRef fn = MakeCallable([this](PyObject*) {
+        m_rcv.Send(Pushed(1, {ALARM_TIME}));
+        const COthersRun others;
+        std::this_thread::sleep_for(std::chrono::milliseconds(50)); // the thread has it, and waits
+        const auto before = std::chrono::steady_clock::now();
+        EXPECT_TRUE(Core()._Disconnect());
+        EXPECT_LT(std::chrono::steady_clock::now() - before, std::chrono::seconds(4));
+        return None();
+    });
+    const CPlay play([&] {
+        m_req.Want(U8('n'));
+        m_req.Send(U8('n') + U16(1) + Record({ALARM_TIME}));
+        SendLists();
+    });
+    EXPECT_EQ(Core()._SetRtAlarmNotify(fn.get(), true), 0);
+}
+
 TEST_F(Alarms, AnExceptionOfAPushedOneIsReportedWithItsCallable)
 {
     CUnraisable unraisable;
