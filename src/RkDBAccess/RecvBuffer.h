@@ -55,8 +55,11 @@ public:
         const auto left = std::chrono::ceil<std::chrono::milliseconds>(*m_restUntil - now).count();
         if (left <= 0 || !MakeRoom())
             return false;
-        const int nGot =
-            sock.RecvTimeOut(m_bytes.data() + m_nEnd, static_cast<int>(m_bytes.size() - m_nEnd), left);
+        BYTE* pRest = m_bytes.data() + m_nEnd;
+        const int nRoom = static_cast<int>(m_bytes.size() - m_nEnd);
+        int nGot = sock._Recv(pRest, nRoom, MSG_DONTWAIT);
+        if (nGot < 0)
+            nGot = sock.RecvTimeOut(pRest, nRoom, left);
         if (nGot <= 0)
             return false;
         m_nEnd += static_cast<size_t>(nGot);
