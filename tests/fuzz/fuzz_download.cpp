@@ -119,8 +119,10 @@ struct SHeader
             if (nEnd == std::string::npos)
                 return;
             nLine = ++nLength;
-            if (strName.empty())
+            if (strName.empty()) {
+                bWhole = true;
                 return;
+            }
             Take(strName.c_str(), strValue.c_str());
         }
     }
@@ -144,6 +146,7 @@ struct SHeader
     }
 
     size_t nLength = 0;
+    bool bWhole = false; // its last line has come: no more of it is under way
     std::map<std::string, std::string> values;
 };
 
@@ -185,11 +188,11 @@ EDownload WantedResult(const CInputSocket& sock, const SHeader& header)
         return EDownload::Failed;
     const size_t nBody = sock.m_strFirst.size() - header.nLength;
     if (!header.Says("exist", true) || header.Says("uselast", false))
-        return nBody > 0 ? EDownload::Leftover : EDownload::Complete;
+        return nBody > 0 || !header.bWhole ? EDownload::Leftover : EDownload::Complete;
     const size_t nReceived = nBody + sock.m_strRest.size();
     if (nReceived < header.Number("size"))
         return EDownload::Failed;
-    return nReceived > header.Number("size") ? EDownload::Leftover : EDownload::Complete;
+    return nReceived > header.Number("size") || !header.bWhole ? EDownload::Leftover : EDownload::Complete;
 }
 
 /// Acknowledgements are for a server that awaits them, each for less than a window and all for no more than
