@@ -49,6 +49,9 @@ std::set<CDBCore*>& LiveCores()
     return cores;
 }
 
+/// The interpreter is ending: no connection is made any more. Touched under the interpreter lock only.
+bool g_bAllEnded = false;
+
 } // namespace
 
 CDBCore::CDBCore()
@@ -65,8 +68,7 @@ EConnect CDBCore::_Connect(const CString& strHost, LPCSTR szUserName, LPCSTR szP
 {
     if (!_Disconnect())
         return EConnect::Failed; // the old receive thread would take the new connection for its own
-    const EConnect eResult =
-        CPyThread::IsForbidden() ? EConnect::Failed : OpenConnection(strHost, szUserName, szPassword);
+    const EConnect eResult = g_bAllEnded ? EConnect::Failed : OpenConnection(strHost, szUserName, szPassword);
     if (eResult != EConnect::Connected)
         StopSock();
     return eResult;
@@ -175,24 +177,25 @@ bool CDBCore::_Disconnect()
     ClearDrivers();
     if (!bParted)
         return false;
-    std::vector<CDriverRef> retired;
+    decltype(m_retired) retired;
     {
         const CThreadGuard guard(m_lock);
         retired.swap(m_retired);
     }
-    for (const CDriverRef& driver : retired)
-        driver->ForgetNotify();
+    for (const auto& [strName, info] : retired)
+        info.pDriver->ForgetNotify();
     return true;
 }
 
 void CDBCore::ClearDrivers()
 {
     const CThreadGuard guard(m_lock);
-    for (auto& [strName, info] : m_mapDrvInfos) {
-        if (!info.pDriver)
+    for (auto it = m_mapDrvInfos.begin(); it != m_mapDrvInfos.end();) {
+        const auto entry = it++;
+        if (!entry->second.pDriver)
             continue;
-        info.pDriver->Detach();
-        m_retired.push_back(std::move(info.pDriver));
+        entry->second.pDriver->Detach();
+        m_retired.insert(m_mapDrvInfos.extract(entry)); // needs no memory: there may be none
     }
     m_mapDrvInfos.clear();
     m_pDrivers.assign(m_pDrivers.size(), nullptr);
@@ -323,6 +326,7 @@ void CDBCore::AbandonForked()
 
 void CDBCore::EndAll()
 {
+    g_bAllEnded = true;
     std::erase_if(LiveCores(), [](const CDBCore* pCore) { return pCore->IsForked(); });
     // All are told before any is waited for: their threads end side by side.
     for (CDBCore* pCore : LiveCores()) {

@@ -14,10 +14,9 @@
 #include "RtAlarm.h"
 
 #include <atomic>
-#include <chrono>
-#include <functional>
 #include <map>
 #include <memory>
+#include <utility>
 #include <vector>
 
 struct SNDrvInfoEx : SNDrvInfo
@@ -44,6 +43,31 @@ struct SAlarmReceiver
     std::shared_ptr<CPyCallback> pFn;
     StringListPtr textList;
     StringListPtr tagList;
+};
+
+/// What comes in while a registration is under way: the server pushes from its answer on, but the lists are
+/// still to be fetched and the active alarms to be delivered.
+class CHeldAlarms
+{
+public:
+    static constexpr size_t MOST = 100'000; // no honest plant raises more in that time
+
+    void Begin() { ++m_nRegistrations; }
+    void End()
+    {
+        if (--m_nRegistrations == 0)
+            m_alarms.clear();
+    }
+    void Add(const S2RtAlarm2& alarm)
+    {
+        if (m_nRegistrations > 0 && m_alarms.size() < MOST)
+            m_alarms.push_back(alarm);
+    }
+    std::vector<S2RtAlarm2> Take() { return std::exchange(m_alarms, {}); }
+
+private:
+    int m_nRegistrations = 0; // under way; a callback may begin another
+    std::vector<S2RtAlarm2> m_alarms;
 };
 
 class CDBCore : public CClientSock
@@ -113,10 +137,12 @@ private:
     bool LetReceiveThreadGo();
     bool HasTag(WORD nDriver, WORD nTag);
     CDriverRef DriverAt(WORD nDriver);
-    void HoldWhile(CPyThread* pPython, std::chrono::milliseconds nMost, const std::function<bool()>& fn);
     int OnDriverNotify(WORD nDriver, std::span<const BYTE> bytes, CPyThread* pPython);
     int OnAlarm(std::span<const BYTE> record, CPyThread* pPython);
-    std::shared_ptr<const SAlarmReceiver> AlarmReceiver();
+    bool Deliver(const std::shared_ptr<const SAlarmReceiver>& pReceiver,
+                 const std::vector<S2RtAlarm2>& alarms);
+    int Register(PyObject* rtAlarmNotifyFn, bool notifyExisting);
+    bool AttachReceiver(const std::shared_ptr<const SAlarmReceiver>& pReceiver);
     bool WalkReceive(CRecvBuffer& buffer, CPyThread& python);
     bool LoseConnection();
     bool ReadActiveAlarms(std::vector<S2RtAlarm2>& alarms);
@@ -125,16 +151,16 @@ private:
     CForkMark m_fork;
     std::atomic<bool> m_bConnect{false}; // also the receive thread's run flag
     std::shared_ptr<CRecvLink> m_pRecvLink;
-    std::atomic<bool> m_bRegistering{false}; // a registration for alarms is under way
-    StringListPtr m_textList;                // null: not loaded
+    StringListPtr m_textList; // null: not loaded
     StringListPtr m_tagList;
     std::vector<std::shared_ptr<CPyCallback>> m_callbacks; // interpreter lock
 
     CThreadLock m_lock;
-    std::vector<CDBDriver*> m_pDrivers RK_GUARDED_BY(m_lock);           // by driver id; null: not made
-    std::map<CString, SNDrvInfoEx> m_mapDrvInfos RK_GUARDED_BY(m_lock); // by name
-    std::vector<CDriverRef> m_retired RK_GUARDED_BY(m_lock);            // drivers of connections that ended
+    std::vector<CDBDriver*> m_pDrivers RK_GUARDED_BY(m_lock);            // by driver id; null: not made
+    std::map<CString, SNDrvInfoEx> m_mapDrvInfos RK_GUARDED_BY(m_lock);  // by name
+    std::multimap<CString, SNDrvInfoEx> m_retired RK_GUARDED_BY(m_lock); // drivers of connections that ended
     std::shared_ptr<const SAlarmReceiver> m_rtAlarmNotifyFn RK_GUARDED_BY(m_lock);
+    CHeldAlarms m_held RK_GUARDED_BY(m_lock);
 };
 
 /// Reads the entries of a list file into strList, as UTF-8, unless strList has some. Empty lines are no

@@ -4,10 +4,9 @@
 #include "DBCore.h"
 
 #include "DownFile.h"
-#include "ThreadHelp.h"
 
+#include <algorithm>
 #include <array>
-#include <chrono>
 #include <ctime>
 #include <datetime.h>
 
@@ -16,7 +15,6 @@ namespace {
 constexpr size_t LINE_SIZE = 256; // of a list file, terminator included
 constexpr size_t HEAD_SIZE = 3;   // of an alarm notification
 constexpr const char* UNKNOWN_TEXT = "???";
-constexpr auto RECEIVER_WAIT = std::chrono::seconds(8); // for a registration that is under way
 
 /// A naive datetime of local time. Null with an exception set when there is none.
 CPyRef LocalDateTime(DWORD nSeconds)
@@ -93,23 +91,20 @@ void FireRtAlarm(CPyCallback& rtAlarmNotifyFn, const S2RtAlarm2& alarm, const CS
                              alarm.level, alarm.value, alarm.limit, alarm.status)));
 }
 
-std::shared_ptr<const SAlarmReceiver> CDBCore::AlarmReceiver()
-{
-    const CThreadGuard guard(m_lock);
-    return m_rtAlarmNotifyFn;
-}
-
 int CDBCore::OnAlarm(std::span<const BYTE> bytes, CPyThread* pPython)
 {
-    // From its answer to a registration on the server pushes alarms, but the lists are still to be fetched.
-    if (m_bRegistering)
-        HoldWhile(pPython, RECEIVER_WAIT, [this] { return m_bRegistering.load(); });
-    const auto pReceiver = AlarmReceiver();
+    CWireReader reader(bytes.subspan(HEAD_SIZE));
+    const S2RtAlarm2 alarm = ReadRtAlarm(reader);
+    std::shared_ptr<const SAlarmReceiver> pReceiver;
+    {
+        const CThreadGuard guard(m_lock);
+        pReceiver = m_rtAlarmNotifyFn;
+        if (!pReceiver)
+            m_held.Add(alarm);
+    }
     const int nLen = static_cast<int>(bytes.size());
     if (!pReceiver || !pPython)
         return nLen;
-    CWireReader reader(bytes.subspan(HEAD_SIZE));
-    const S2RtAlarm2 alarm = ReadRtAlarm(reader);
     const bool bStay = pPython->Call(
         [&] { FireRtAlarm(*pReceiver->pFn, alarm, *pReceiver->textList, *pReceiver->tagList); });
     return bStay ? nLen : NOTIFY_LEAVE;
@@ -148,11 +143,61 @@ StringListPtr CDBCore::LoadStringList(const char* szFile)
     return pList;
 }
 
+/// False in a process that one of the calls has forked off: its copy of the core must be left as it is.
+bool CDBCore::Deliver(const std::shared_ptr<const SAlarmReceiver>& pReceiver,
+                      const std::vector<S2RtAlarm2>& alarms)
+{
+    for (const S2RtAlarm2& alarm : alarms) {
+        FireRtAlarm(*pReceiver->pFn, alarm, *pReceiver->textList, *pReceiver->tagList);
+        if (IsForked())
+            return false;
+    }
+    return true;
+}
+
+/// Delivers what has come in since the registration began, and from then on the receive thread does.
+bool CDBCore::AttachReceiver(const std::shared_ptr<const SAlarmReceiver>& pReceiver)
+{
+    for (;;) {
+        std::vector<S2RtAlarm2> alarms;
+        {
+            const CThreadGuard guard(m_lock);
+            alarms = m_held.Take();
+            if (alarms.empty() && !m_rtAlarmNotifyFn)
+                m_rtAlarmNotifyFn = pReceiver;
+        }
+        if (alarms.empty())
+            return true;
+        if (!Deliver(pReceiver, alarms))
+            return false;
+    }
+}
+
 int CDBCore::_SetRtAlarmNotify(PyObject* rtAlarmNotifyFn, bool notifyExisting)
 {
-    if (AlarmReceiver())
-        return -1;
-    const CFlagScope registering(m_bRegistering);
+    {
+        const CThreadGuard guard(m_lock);
+        if (m_rtAlarmNotifyFn)
+            return -1;
+        m_held.Begin();
+    }
+    struct SHolding
+    {
+        CDBCore& core;
+        ~SHolding()
+        {
+            if (core.IsForked())
+                return;
+            const CThreadGuard guard(core.m_lock);
+            core.m_held.End();
+        }
+    };
+    const SHolding holding{*this};
+    return Register(rtAlarmNotifyFn, notifyExisting);
+}
+
+int CDBCore::Register(PyObject* rtAlarmNotifyFn, bool notifyExisting)
+{
     std::vector<S2RtAlarm2> alarms;
     if (!ReadActiveAlarms(alarms))
         return -2;
@@ -163,12 +208,8 @@ int CDBCore::_SetRtAlarmNotify(PyObject* rtAlarmNotifyFn, bool notifyExisting)
     const auto pFn = std::make_shared<CPyCallback>(rtAlarmNotifyFn);
     KeepCallback(pFn);
     const auto pReceiver = std::make_shared<const SAlarmReceiver>(pFn, m_textList, m_tagList);
-    if (notifyExisting) {
-        for (auto it = alarms.rbegin(); it != alarms.rend(); ++it)
-            FireRtAlarm(*pReceiver->pFn, *it, *pReceiver->textList, *pReceiver->tagList);
-    }
-    const CThreadGuard guard(m_lock);
-    if (!m_rtAlarmNotifyFn)
-        m_rtAlarmNotifyFn = pReceiver;
-    return 0;
+    if (!notifyExisting)
+        alarms.clear();
+    std::ranges::reverse(alarms); // the one reported last comes first
+    return Deliver(pReceiver, alarms) && AttachReceiver(pReceiver) ? 0 : -2;
 }

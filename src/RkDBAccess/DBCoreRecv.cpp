@@ -14,7 +14,7 @@ constexpr size_t DRIVER_HEAD = 4; // driver id and tag position
 /// How long a change of a tag without a value waits for the subscription that will bring one. The reply and
 /// the changes come by different connections, so a change may be here first.
 constexpr auto FIRST_VALUE_WAIT = std::chrono::milliseconds(500);
-constexpr auto HOLD_STEP = std::chrono::milliseconds(1);
+constexpr auto FIRST_VALUE_STEP = std::chrono::milliseconds(1);
 
 std::atomic<int> g_nThreads{0};
 [[maybe_unused]] const int g_nForkHandler = ::pthread_atfork(nullptr, nullptr, [] { g_nThreads = 0; });
@@ -141,17 +141,6 @@ bool CDBCore::HasTag(WORD nDriver, WORD nTag)
     return driver && nTag < driver->GetTagCount();
 }
 
-/// Holds the stream while the script's thread is at something that decides what a notification means. Without
-/// the interpreter lock: that thread needs it to get on.
-void CDBCore::HoldWhile(CPyThread* pPython, std::chrono::milliseconds nMost, const std::function<bool()>& fn)
-{
-    if (pPython)
-        pPython->EndTurn();
-    const auto end = std::chrono::steady_clock::now() + nMost;
-    while (m_bConnect && fn() && std::chrono::steady_clock::now() < end)
-        std::this_thread::sleep_for(HOLD_STEP);
-}
-
 int CDBCore::OnDriverNotify(WORD nDriver, std::span<const BYTE> bytes, CPyThread* pPython)
 {
     const CDriverRef driver = DriverAt(nDriver);
@@ -162,8 +151,10 @@ int CDBCore::OnDriverNotify(WORD nDriver, std::span<const BYTE> bytes, CPyThread
     const WORD nTag = reader.Get<WORD>();
     if (reader.IsBad())
         return NOTIFY_CUT;
-    if (driver->AwaitsFirstValue(nTag))
-        HoldWhile(pPython, FIRST_VALUE_WAIT, [&] { return driver->AwaitsFirstValue(nTag); });
+    for (auto waited = FIRST_VALUE_STEP;
+         waited < FIRST_VALUE_WAIT && m_bConnect && driver->AwaitsFirstValue(nTag);
+         waited += FIRST_VALUE_STEP)
+        std::this_thread::sleep_for(FIRST_VALUE_STEP);
     const int nValue = driver->OnDBNotify(nTag, reader.Rest(), pPython);
     return nValue > 0 ? nValue + static_cast<int>(DRIVER_HEAD) : nValue;
 }

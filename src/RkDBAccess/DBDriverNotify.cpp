@@ -41,7 +41,9 @@ void CDBDriver::CallNotify(const STag& tag, const XVariant& value, CTagCallback&
         fn.ReportError(); // a type without a Python form has none: that change is passed over
         return;
     }
-    fn.Call(std::array{fn.driver.Of(m_strDriverUtf8), fn.tags.at(tag.id).Of(tag.strTagUtf8), pValue.get()});
+    PyObject* pDriver = fn.driver.Of(m_strDriverUtf8);
+    PyObject* pTag = pDriver ? fn.tags.at(tag.id).Of(tag.strTagUtf8) : nullptr;
+    fn.Call(std::array{pDriver, pTag, pValue.get()});
 }
 
 bool CDBDriver::AwaitsFirstValue(ULONG tagId)

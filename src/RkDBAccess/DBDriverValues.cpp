@@ -233,7 +233,9 @@ PyObject* CDBDriver::GetTagValue(const char* tags)
         const XVariant value = CopyValue(*reqTags[0]);
         return ValueToObj(&value);
     }
-    CPyRef list(PyList_New(static_cast<Py_ssize_t>(reqTags.size())));
+    CPyRef list(PyList_New(static_cast<Py_ssize_t>(reqTags.size()))); // may run finalisers, which may fork
+    if (IsForked())
+        return NewPyRef(Py_None).release();
     for (size_t i = 0; list && i < reqTags.size(); ++i) {
         if (!reqTags[i])
             continue;
@@ -373,7 +375,9 @@ bool CDBDriver::SetTagNotify(PyObject* pFn)
             return false;
     }
     auto pKept = std::make_shared<CTagCallback>(pFn, m_tags.size());
-    pCore->KeepCallback(pKept); // may run finalisers of a script
+    pCore->KeepCallback(pKept); // may run finalisers of a script, which may fork
+    if (IsForked())
+        return false;
     const CThreadGuard guard(m_lock);
     if (!m_pDBCore || m_tagNotifyFn)
         return false;

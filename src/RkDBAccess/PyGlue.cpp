@@ -108,7 +108,8 @@ PyObject* CPyName::Of(const std::string& strUtf8) noexcept
     Py_ssize_t nLen = 0;
     const char* szText = m_text ? PyUnicode_AsUTF8AndSize(m_text.get(), &nLen) : nullptr;
     if (!szText || std::string_view(szText, static_cast<size_t>(nLen)) != strUtf8) {
-        PyErr_Clear();
+        if (m_text && !szText)
+            PyErr_Clear();
         m_text.reset(PyUnicode_FromStringAndSize(strUtf8.data(), static_cast<Py_ssize_t>(strUtf8.size())));
     }
     return m_text.get();
@@ -116,17 +117,18 @@ PyObject* CPyName::Of(const std::string& strUtf8) noexcept
 
 CPyThread::~CPyThread()
 {
-    if (!m_pState || !Take())
+    if (!m_pState)
         return;
+    Take();
     WhilePythonLives([this] { PyGILState_Release(m_eGil); }); // drops what the script kept for this thread
 }
 
-bool CPyThread::Take()
+void CPyThread::Take()
 {
     if (m_bHeld)
-        return true;
-    if (IsForbidden())
-        return false;
+        return;
+    if (g_bForbidden)
+        StayForGood();
     WhilePythonLives([this] {
         if (m_pState) {
             PyEval_RestoreThread(m_pState);
@@ -137,7 +139,6 @@ bool CPyThread::Take()
     });
     m_link.ScriptMask().Apply();
     m_bHeld = true;
-    return true;
 }
 
 void CPyThread::EndTurn() noexcept
@@ -152,9 +153,4 @@ void CPyThread::EndTurn() noexcept
 void CPyThread::ForbidAll() noexcept
 {
     g_bForbidden = true;
-}
-
-bool CPyThread::IsForbidden() noexcept
-{
-    return g_bForbidden;
 }

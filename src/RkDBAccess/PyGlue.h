@@ -106,8 +106,7 @@ public:
     template <class F> bool Call(F&& fn)
     {
         const bool bEntered = m_link.EnterPython();
-        if (!Take())
-            return false;
+        Take();
         if (bEntered && !m_link.IsLetGo())
             WhilePythonLives(fn);
         return !m_fork.IsForked() && m_link.LeavePython();
@@ -115,12 +114,11 @@ public:
     /// The end of a receive: gives the interpreter lock back if it was taken.
     void EndTurn() noexcept;
 
-    /// No thread may await the interpreter lock from now on: the interpreter is ending.
+    /// The interpreter is ending: no thread gets its lock from now on, and who asks for it stays where it is.
     static void ForbidAll() noexcept;
-    static bool IsForbidden() noexcept;
 
 private:
-    bool Take();
+    void Take();
 
     CRecvLink& m_link;
     const CForkMark m_fork;

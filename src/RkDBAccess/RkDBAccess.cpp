@@ -156,9 +156,10 @@ PyMethodDef g_coreMethods[] = {
 PyObject* DBCore_new(PyTypeObject* pType, PyObject*, PyObject*)
 {
     PyObject* pSelf = pType->tp_alloc(pType, 0);
-    if (pSelf)
-        reinterpret_cast<DBCoreObj*>(pSelf)->pDB = _DBCoreNew();
-    return pSelf;
+    if (!pSelf || (reinterpret_cast<DBCoreObj*>(pSelf)->pDB = _DBCoreNew()))
+        return pSelf;
+    Py_DECREF(pSelf);
+    return PyErr_NoMemory();
 }
 
 void DBCore_dealloc(PyObject* pSelf)

@@ -99,8 +99,8 @@ class DBCore:
             9. limit: `float`, the limit it is compared with, in the tag's unit;
             10. status: `int` from 0 to 255, the server's meaning.
         notifyExisting: true to be called, before this method returns and in the calling thread, for the alarms that
-            are active now, the one reported last first; 0 to be called for later ones only. Later alarms come in the
-            receive thread; those that come in while this method runs wait for its end, for 8 seconds at most.
+            are active now, the one reported last first; 0 to be called for later ones only. Those that come in while
+            this method runs are delivered by it too, behind the active ones; later ones in the receive thread.
 
         Returns None in every case. The first registration stays in force for the life of this object; a later one
         changes nothing, and after a new `Connect` the server is not asked again: make a new `DBCore`. A registration

@@ -32,7 +32,7 @@ template <class TResult, class F> TResult Guarded(TResult failed, F&& fn) noexce
 
 CDBCore* _DBCoreNew()
 {
-    return new CDBCore;
+    return Guarded<CDBCore*>(nullptr, [] { return new CDBCore; });
 }
 
 int _DBConnect(CDBCore* pDB, const char* szHost, const char* szUserName, const char* szPassword)
@@ -108,7 +108,6 @@ void DrvRelease(CDBDriver* pDrv)
 
 void DBEndAll()
 {
-    CPyThread::ForbidAll();
     Guarded(0, [] {
         CDBCore::EndAll();
         return 0;
@@ -117,5 +116,6 @@ void DBEndAll()
     PyThreadState* pState = PyEval_SaveThread();
     for (auto nLeft = EXIT_STEPS; nLeft > 0 && CDBCore::CountThreads() > 0; --nLeft)
         std::this_thread::sleep_for(EXIT_STEP);
+    CPyThread::ForbidAll();
     PyEval_RestoreThread(pState);
 }

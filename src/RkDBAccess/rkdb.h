@@ -14,7 +14,7 @@ class CDBDriver;
 #define RKDB_EXPORT __attribute__((visibility("default")))
 
 extern "C" {
-/// A new core; owned by the caller, ended by _DBCoreDelete.
+/// A new core; owned by the caller, ended by _DBCoreDelete. Null without memory.
 RKDB_EXPORT CDBCore* _DBCoreNew();
 /// 0 connected, -1 login refused, -2 connection or transfer failed, -3 reply or project name unusable.
 RKDB_EXPORT int _DBConnect(CDBCore* pDB, const char* szHost, const char* szUserName, const char* szPassword);

@@ -226,6 +226,21 @@ def test_alarms_pushed_while_the_registration_is_under_way_come_after_it(serve: 
     assert [(call[7], call[2]) for call in calls] == [(number, "一号泵") for number in (1.0, 2.0, 3.0, 4.0)]
 
 
+def test_a_server_may_push_any_amount_before_it_lets_the_lists_be_fetched(serve: Serve) -> None:
+    # More than the sockets hold: it could not go on to the lists if the stream were not read meanwhile.
+    many = [w.change(5, wire.VT_I4, number) for number in range(1_000_000)]
+    session = serve(
+        w.subscribing(["A"], [5], [wire.typed(wire.VT_I4, 0)]),
+        d.want("req", w.ALARM) + d.send("req", alarm_reply()) + push(alarm_notification(FULL), *many),
+        w.fetching_lists() + push(alarm_notification(FULL.numbered(2))),
+    )
+    assert session.boiler.ConnectTag("A") == 1
+    calls = register(session)
+    assert settles(lambda: len(calls) == 2, 30)
+    assert [(call[7], call[2]) for call in calls] == [(1.25, "一号泵"), (2.0, "一号泵")]
+    assert read(session.boiler, "A") == 999_999
+
+
 def test_active_alarms_come_last_first_before_the_registration_returns(serve: Serve) -> None:
     session = serve(registering_alarms(ACTIVE), GOES_ON)
     calls: Calls = []

@@ -418,6 +418,27 @@ boiler.GetTagValue("go1")
     forks(play, project, script, SUBSCRIBED, pushed, go("go1"))
 
 
+def test_a_call_for_an_active_alarm_may_fork_in_a_storm(play: Play, project: str) -> None:
+    # The child goes on in the middle of the registration, without the thread that may have held a lock.
+    script = f"""
+{FORKS}
+parent = os.getpid()
+def on_alarm(*alarm):
+    for _ in range({200 // SLOWER}):
+        pid = os.fork()
+        if pid == 0:
+            return
+        ended(pid)
+
+{SUBSCRIBE}
+core.SetRtAlarmNotify(on_alarm, 1)
+if os.getpid() != parent:
+    os._exit(0)
+del core
+"""
+    forks(play, project, script, SUBSCRIBED, w.registering_alarms([w.Alarm()]), STORM[len(SUBSCRIBED) :])
+
+
 def test_a_child_may_make_a_connection_of_its_own(play: Play, project: str) -> None:
     childs = play(d.connecting(f"{project}b") + SUBSCRIBED + changes(7, 8))
     script = f"""

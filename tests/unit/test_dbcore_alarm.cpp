@@ -3,6 +3,7 @@
 
 #include <filesystem>
 #include <fstream>
+#include <numeric>
 
 namespace {
 
@@ -349,7 +350,7 @@ TEST_F(Alarms, PushedOnesOfBothSubTypesCallTheReceiverAndTheStreamGoesOn)
                               ", 'tag 0', 1, 'type 0', 'type 1', 0, 0.0, 0.0, 0)");
 }
 
-TEST_F(Alarms, OnesPushedWhileTheRegistrationIsUnderWayWaitForItsEnd)
+TEST_F(Alarms, OnesPushedWhileTheRegistrationIsUnderWayComeBehindTheActiveOnes)
 {
     Subscribe(*m_pA, {{"n", 1, Typed(VT_I4, U32(0))}});
     StartReceiving();
@@ -383,24 +384,109 @@ TEST_F(Alarms, OnesPushedBeforeARegistrationThatFailsAreSkippedAndTheStreamGoesO
     EXPECT_TRUE(m_calls.empty());
 }
 
-TEST_F(Alarms, AStreamThatWaitsForARegistrationHoldsUpNoDisconnect)
+/// Plays the server's part of a registration with this many active alarms.
+class CRegistration : public CAlarmTest
 {
+protected:
+    void Serve(unsigned nActive)
+    {
+        m_play = std::make_unique<CPlay>([this, nActive] {
+            m_req.Want(U8('n'));
+            m_req.Send(U8('n') + U16(nActive) + Record({ALARM_TIME, 0, 0}) * nActive);
+            SendLists();
+        });
+    }
+    /// A callable that does this at its first call, beside other threads, and notes the level of every alarm.
+    CPyRef Noting(std::function<void()> fn)
+    {
+        return MakeCallable([this, fn = std::move(fn), bDone = false](PyObject* pArgs) mutable {
+            m_levels.push_back(PyLong_AsLong(PyTuple_GET_ITEM(pArgs, 6)));
+            if (!std::exchange(bDone, true))
+                fn();
+            return None();
+        });
+    }
+    static Bytes Level(unsigned nLevel) { return Pushed(1, {ALARM_TIME, 0, 0, 0, 0, nLevel}); }
+
+    std::unique_ptr<CPlay> m_play;
+    std::vector<long> m_levels;
+};
+
+TEST_F(CRegistration, ItsCallsMayTakeLongTheStreamGoesOnAndNoAlarmIsLost)
+{
+    Subscribe(*m_pA, {{"n", 1, Typed(VT_I4, U32(0))}});
     StartReceiving();
-    const CPyRef fn = MakeCallable([this](PyObject*) {
-        m_rcv.Send(Pushed(1, {ALARM_TIME}));
+    Serve(3);
+    const CPyRef fn = Noting([this] {
         const COthersRun others;
-        std::this_thread::sleep_for(std::chrono::milliseconds(50)); // the thread has it, and waits
-        const auto before = std::chrono::steady_clock::now();
-        EXPECT_TRUE(Core()._Disconnect());
-        EXPECT_LT(std::chrono::steady_clock::now() - before, std::chrono::seconds(4));
-        return None();
-    });
-    const CPlay play([&] {
-        m_req.Want(U8('n'));
-        m_req.Send(U8('n') + U16(1) + Record({ALARM_TIME}));
-        SendLists();
+        for (unsigned n = 1; n <= 50; ++n)
+            m_rcv.Send(Level(n) + Change(0, 1, U32(n)));
+        EXPECT_TRUE(WaitUntil([&] {
+            const PyGILState_STATE eGil = PyGILState_Ensure();
+            const bool bStored = Read(*m_pA, "n") == "50";
+            PyGILState_Release(eGil);
+            return bStored;
+        })) << "changes are stored meanwhile";
     });
     EXPECT_EQ(Core()._SetRtAlarmNotify(fn.get(), true), 0);
+    std::vector<long> wanted(53);
+    std::iota(wanted.begin() + 3, wanted.end(), 1);
+    EXPECT_EQ(m_levels, wanted);
+    m_rcv.Send(Level(51));
+    ASSERT_TRUE(WaitWhileOthersRun([&] { return m_levels.size() == 54; }));
+    EXPECT_EQ(m_levels.back(), 51);
+}
+
+TEST_F(CRegistration, ACallMayEndTheConnection)
+{
+    StartReceiving();
+    Serve(1);
+    const CPyRef fn = Noting([this] {
+        m_rcv.Send(Level(1));
+        EXPECT_TRUE(Core()._Disconnect());
+    });
+    EXPECT_EQ(Core()._SetRtAlarmNotify(fn.get(), true), 0);
+}
+
+TEST_F(CRegistration, ACallMayRegisterAnotherWhichThenStays)
+{
+    StartReceiving();
+    std::vector<long> inner;
+    const CPyRef other = MakeCallable([&](PyObject* pArgs) {
+        inner.push_back(PyLong_AsLong(PyTuple_GET_ITEM(pArgs, 6)));
+        return None();
+    });
+    Serve(1);
+    const CPyRef fn = Noting([&] {
+        m_play = std::make_unique<CPlay>([this] {
+            m_req.Want(U8('n'));
+            m_rcv.Send(Level(1));
+            m_req.Send(U8('n') + U16(0)); // the lists are here already
+        });
+        EXPECT_EQ(Core()._SetRtAlarmNotify(other.get(), true), 0);
+    });
+    EXPECT_EQ(Core()._SetRtAlarmNotify(fn.get(), true), 0);
+    m_rcv.Send(Level(2));
+    ASSERT_TRUE(WaitWhileOthersRun([&] { return inner.size() == 2; }));
+    EXPECT_EQ(inner, (std::vector<long>{1, 2}));
+    EXPECT_EQ(m_levels, std::vector<long>{0});
+}
+
+TEST_F(CRegistration, WhatAFailedOneHasHeldIsForgotten)
+{
+    StartReceiving();
+    {
+        const CPlay play([&] {
+            m_req.Want(U8('n'));
+            m_rcv.Send(Level(1));
+            std::this_thread::sleep_for(std::chrono::milliseconds(50)); // for the receive thread to have it
+            m_req.Send(U8('0'));
+        });
+        EXPECT_EQ(Core()._SetRtAlarmNotify(m_fn.get(), true), -2);
+    }
+    Serve(0);
+    EXPECT_EQ(Core()._SetRtAlarmNotify(Noting([] {}).get(), true), 0);
+    EXPECT_EQ(m_levels, std::vector<long>{});
 }
 
 TEST_F(Alarms, AnExceptionOfAPushedOneIsReportedWithItsCallable)

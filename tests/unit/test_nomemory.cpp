@@ -57,6 +57,28 @@ TEST_F(NoMemory, ForTheRestOfALongTextEndsTheConnection)
     SendWithoutMemory(CRecvBuffer::SIZE, CRecvBuffer::SIZE + 1);
 }
 
+TEST_F(NoMemory, IsNeededForNothingWhenTheDriversAreLetGo)
+{
+    const CDriverRef held(m_pA);
+    g_nRefuse = 0;
+    Core().ClearDrivers();
+    g_nRefuse = SIZE_MAX;
+    EXPECT_EQ(CountDirectory(), 0U);
+    EXPECT_EQ(CountRetired(), 2U);
+    EXPECT_FALSE(HasDriverAt(0) || HasDriverAt(1));
+    EXPECT_EQ(Read(*held.Get(), "unheard"), "None") << "it is detached";
+    EXPECT_TRUE(Core()._Disconnect());
+    EXPECT_EQ(CountRetired(), 0U);
+}
+
+TEST_F(NoMemory, ForANewCoreGivesNone)
+{
+    g_nRefuse = sizeof(CDBCore);
+    CDBCore* pCore = _DBCoreNew();
+    g_nRefuse = SIZE_MAX;
+    EXPECT_EQ(pCore, nullptr);
+}
+
 TEST(NoMemoryVariant, AnAssignmentWithoutMemoryChangesNothing)
 {
     XVariant value("before");
