@@ -9,6 +9,7 @@
 #include "ClientSock.h"
 #include "DBDriver.h"
 #include "DrvInfo.h"
+#include "HeldAlarms.h"
 #include "NotifyWalk.h"
 #include "RecvBuffer.h"
 #include "RtAlarm.h"
@@ -16,7 +17,6 @@
 #include <atomic>
 #include <map>
 #include <memory>
-#include <utility>
 #include <vector>
 
 struct SNDrvInfoEx : SNDrvInfo
@@ -43,31 +43,6 @@ struct SAlarmReceiver
     std::shared_ptr<CPyCallback> pFn;
     StringListPtr textList;
     StringListPtr tagList;
-};
-
-/// What comes in while a registration is under way: the server pushes from its answer on, but the lists are
-/// still to be fetched and the active alarms to be delivered.
-class CHeldAlarms
-{
-public:
-    static constexpr size_t MOST = 100'000; // no honest plant raises more in that time
-
-    void Begin() { ++m_nRegistrations; }
-    void End()
-    {
-        if (--m_nRegistrations == 0)
-            m_alarms.clear();
-    }
-    void Add(const S2RtAlarm2& alarm)
-    {
-        if (m_nRegistrations > 0 && m_alarms.size() < MOST)
-            m_alarms.push_back(alarm);
-    }
-    std::vector<S2RtAlarm2> Take() { return std::exchange(m_alarms, {}); }
-
-private:
-    int m_nRegistrations = 0; // under way; a callback may begin another
-    std::vector<S2RtAlarm2> m_alarms;
 };
 
 class CDBCore : public CClientSock

@@ -384,6 +384,29 @@ TEST_F(Alarms, OnesPushedBeforeARegistrationThatFailsAreSkippedAndTheStreamGoesO
     EXPECT_TRUE(m_calls.empty());
 }
 
+TEST(HeldAlarms, AreKeptInOrderWhileARegistrationIsUnderWayAndNotWithoutLimit)
+{
+    CHeldAlarms held;
+    held.Add({1});
+    EXPECT_TRUE(held.Take().empty()) << "nobody registers";
+    held.Begin();
+    held.Begin();
+    held.Add({2});
+    held.End();
+    held.Add({3});
+    const auto alarms = held.Take();
+    ASSERT_EQ(alarms.size(), 2U);
+    EXPECT_EQ(alarms[0].almtm, 2U);
+    EXPECT_EQ(alarms[1].almtm, 3U);
+    EXPECT_TRUE(held.Take().empty());
+    for (size_t i = 0; i <= CHeldAlarms::MOST; ++i)
+        held.Add({4});
+    EXPECT_EQ(held.Take().size(), CHeldAlarms::MOST);
+    held.Add({5});
+    held.End();
+    EXPECT_TRUE(held.Take().empty()) << "forgotten with the registration";
+}
+
 /// Plays the server's part of a registration with this many active alarms.
 class CRegistration : public CAlarmTest
 {
