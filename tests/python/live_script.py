@@ -46,6 +46,9 @@ boiler = core.GetDriver("Boiler")
 seen = []
 """
 
+# Registers a callback that keeps the values in the order in which it is told of them.
+TOLD = "boiler.SetTagNotify(lambda driver, tag, value: seen.append(value))\n"
+
 
 def go(*labels: str) -> d.Steps:
     """Reads of tags of these names, by which a script tells the peer to go on: position 100 and up, value 0."""
