@@ -1,6 +1,6 @@
 """Writes every alarm as a line of a CSV file: first those that are active now, then each as it comes, until Ctrl-C.
 
-After a loss it reconnects, and what is active then is written (again): nothing that happened meanwhile is missed.
+After a loss it reconnects and writes (again) what is active then; an alarm that came and went meanwhile is missed.
 
 python examples/alarms_to_csv.py --host 192.0.2.10 Boiler alarms.csv
 """

@@ -82,6 +82,10 @@ def listen(arguments: argparse.Namespace, register: Callable[[RkDBAccess.DBCore]
         register(db)
         while (left := end - time.monotonic()) > 0:
             time.sleep(min(1.0, left))
-            if not is_connected(db, arguments.driver):
+            while not is_connected(db, arguments.driver):
                 db = reconnect(arguments)
-                register(db)
+                try:
+                    register(db)
+                except SystemExit:
+                    if is_connected(db, arguments.driver):
+                        raise  # no fault of the network: what was asked for is not there any more

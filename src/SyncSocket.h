@@ -41,7 +41,7 @@ class CSyncSocket
 public:
     static constexpr int RECV_EXPIRED = -3; // RecvTimeOut: nothing came in time (0: peer closed, -1: error)
     // A peer that has been silent is probed after a while, and taken for gone after so many probes: 90 s in
-    // all.
+    // all, about two minutes by the kernel's coarse timers.
     static constexpr int PROBE_AFTER_S = 30;
     static constexpr int PROBE_EVERY_S = 10;
     static constexpr int PROBES = 6;

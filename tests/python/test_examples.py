@@ -2,7 +2,9 @@
 
 from __future__ import annotations
 
+import argparse
 import csv
+import importlib
 import os
 import signal
 import subprocess
@@ -216,3 +218,43 @@ def test_alarms_to_csv_writes_active_and_new_alarms_and_goes_on_after_a_loss(
     assert rows(path)[0][:3] == ["alarm time", "event time", "tag"]
     assert {tuple(row[4:7]) for row in rows(path)[1:]} == {("超温报警", "锅炉", "4")}
     assert alarms.lines == ["the connection is lost; trying again"]
+
+
+class Flapping:
+    """A connection that ends when it is told to, in the order of its making."""
+
+    def __init__(self) -> None:
+        self.stands = True
+
+    def GetDriver(self, _name: str) -> None:  # noqa: N802 (as the module calls it)
+        if not self.stands:
+            raise SystemError
+
+
+@pytest.mark.parametrize("network", [True, False], ids=["lost once more", "tags gone"])
+def test_a_registration_that_fails_after_a_loss_ends_the_script_only_if_the_connection_stands(
+    monkeypatch: pytest.MonkeyPatch, network: bool
+) -> None:
+    monkeypatch.syspath_prepend(CHECKOUT / "examples")
+    plant = importlib.import_module("plant")
+    made: list[Flapping] = []
+
+    def connected(_: argparse.Namespace) -> Flapping:
+        made.append(Flapping())
+        return made[-1]
+
+    def register(db: Flapping) -> None:
+        if len(made) == 2:
+            db.stands = not network
+            raise SystemExit("not registered")
+        db.stands = len(made) > 1  # the first one is lost
+
+    monkeypatch.setattr(plant, "connect", connected)
+    monkeypatch.setattr(plant, "reconnect", connected)
+    arguments = argparse.Namespace(seconds=1.5, driver="Boiler")
+    if network:
+        plant.listen(arguments, register)
+        assert [db.stands for db in made] == [False, False, True]
+    else:
+        with pytest.raises(SystemExit, match="not registered"):
+            plant.listen(arguments, register)
