@@ -497,16 +497,18 @@ TEST_F(CRegistration, ACallMayRegisterAnotherWhichThenStays)
 
 TEST_F(CRegistration, WhatAFailedOneHasHeldIsForgotten)
 {
+    Subscribe(*m_pA, {{"n", 1, Typed(VT_I4, U32(0))}});
     StartReceiving();
     {
         const CPlay play([&] {
             m_req.Want(U8('n'));
-            m_rcv.Send(Level(1));
+            m_rcv.Send(Level(1) + Change(0, 1, U32(9)));
             std::this_thread::sleep_for(std::chrono::milliseconds(50)); // for the receive thread to have it
             m_req.Send(U8('0'));
         });
         EXPECT_EQ(Core()._SetRtAlarmNotify(m_fn.get(), true), -2);
     }
+    ASSERT_TRUE(WaitUntil([&] { return Read(*m_pA, "n") == "9"; })) << "so the alarm before it has passed";
     Serve(0);
     EXPECT_EQ(Core()._SetRtAlarmNotify(Noting([] {}).get(), true), 0);
     EXPECT_EQ(m_levels, std::vector<long>{});
