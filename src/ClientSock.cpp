@@ -1,6 +1,7 @@
 // The handshake, step by step, and the request framing; the records' layouts stand in ClientSock.h.
 #include "ClientSock.h"
 
+#include "WaitHook.h"
 #include "WireReader.h"
 
 #include <algorithm>
@@ -11,8 +12,11 @@
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
+#include <string_view>
 #include <strings.h>
 #include <unistd.h>
+#include <utility>
+#include <vector>
 
 namespace {
 
@@ -23,12 +27,21 @@ constexpr long ENDLESS_TIMEOUT = 0x7FFFFFFF;
 constexpr size_t REDIRECT_SIZE = 10;
 constexpr UINT MIN_ACK_SIZE = 1 + sizeof(SNAckRegReq);
 
-/// After an unclean exchange the rest of its reply may still be under way: this long without a byte counts
-/// as its end.
-constexpr long QUIET_MS = 50;
-/// A peer that talks on unasked for longer than this is not one to ask anything.
-constexpr size_t MAX_DRAIN = 1 << 20;
-constexpr auto MAX_DRAIN_TIME = std::chrono::seconds(2);
+/// All that an exchange of the handshake may take on one socket, whatever a time-out allows for each receive.
+class CLimitScope
+{
+public:
+    CLimitScope(CSyncSocket& sock, long nMs) : m_sock(sock)
+    {
+        m_sock.SetLimit(CSyncSocket::Clock::now() + std::chrono::milliseconds(nMs));
+    }
+    ~CLimitScope() { m_sock.SetLimit(std::nullopt); }
+    CLimitScope(const CLimitScope&) = delete;
+    CLimitScope& operator=(const CLimitScope&) = delete;
+
+private:
+    CSyncSocket& m_sock;
+};
 
 int ParseDirect(const CString& strHost, SServerAddr& addr)
 {
@@ -92,10 +105,31 @@ CString LocalHostName()
     return CString(name.data());
 }
 
+/// True as well for the beginning of a redirect, as long as it is more than the command byte.
+bool BeginsRedirect(const SServerAddr& addr, std::span<const BYTE> reply)
+{
+    constexpr std::string_view word = "lan";
+    const size_t nWord = std::min(word.size(), reply.size() - 1);
+    return addr.nPort == CClientSock::RELAY_PORT && reply[0] == CMD_OPEN && nWord > 0 &&
+           ::strncasecmp(reinterpret_cast<const char*>(reply.data()) + 1, word.data(), nWord) == 0;
+}
+
 bool IsRedirect(const SServerAddr& addr, std::span<const BYTE> reply)
 {
-    return addr.nPort == CClientSock::RELAY_PORT && reply.size() >= REDIRECT_SIZE &&
-           ::strncasecmp(reinterpret_cast<const char*>(reply.data()) + 1, "lan", 3) == 0;
+    return reply.size() >= REDIRECT_SIZE && BeginsRedirect(addr, reply);
+}
+
+/// Whether a registration reply is whole, unscrambled: its fixed part and two texts. What begins with another
+/// byte is whole at once: it is none.
+bool IsWholeAck(std::span<const BYTE> plain)
+{
+    if (plain[0] != CMD_REGISTER)
+        return true;
+    CWireReader reader(plain);
+    reader.Skip(1 + offsetof(SNAckRegReq, prjName));
+    static_cast<void>(reader.Text());
+    static_cast<void>(reader.Text());
+    return !reader.IsBad();
 }
 
 /// Address (network order) and port (network order) behind the four letters of a redirect, as a host text.
@@ -153,7 +187,7 @@ int CClientSock::ConnectAddr(LPCSTR szHost, CString& strPrjName, CString& strTit
 {
     StopSock();
     std::srand(static_cast<unsigned>(std::time(nullptr)));
-    m_bUnclean = false;
+    m_nTail = 0;
     SServerAddr addr;
     const int nParsed = ParseHost(szHost, addr);
     m_bLocalDB = !addr.bRelay && _IsLocalDB(addr.strHost.c_str());
@@ -209,6 +243,7 @@ int CClientSock::SendOpen(const SServerAddr& addr, const _GUID& guid, Reply& rep
 {
     if (!OpenSocket(m_reqSock, addr))
         return 0;
+    const CLimitScope limit(m_reqSock, 2 * addr.nTimeOut);
     std::array<BYTE, SNRegReq::BUFFER_SIZE> record{};
     CWireWriter writer(record);
     PutGuid(writer, guid);
@@ -221,7 +256,16 @@ int CClientSock::SendOpen(const SServerAddr& addr, const _GUID& guid, Reply& rep
     }
     if (!SendScrambled(m_reqSock, CMD_OPEN, std::span(record).first(writer.Length())))
         return 0;
-    return m_reqSock._Recv(reply.data(), static_cast<int>(reply.size()), 0);
+    return RecvOpenReply(addr, reply);
+}
+
+int CClientSock::RecvOpenReply(const SServerAddr& addr, Reply& reply)
+{
+    const int nGot = m_reqSock.RecvUntil(reply, [&](std::span<const BYTE> bytes) {
+        return !BeginsRedirect(addr, bytes) || IsRedirect(addr, bytes);
+    });
+    m_nTail = static_cast<int>(reply.size()) - nGot;
+    return nGot;
 }
 
 int CClientSock::SendRegister(const _GUID& guid, bool bAccessDB, Reply& reply, UINT& nPlain)
@@ -232,18 +276,27 @@ int CClientSock::SendRegister(const _GUID& guid, bool bAccessDB, Reply& reply, U
     writer.PutText(LocalHostName());
     writer.Put(static_cast<BYTE>(bAccessDB));
     writer.Put(BYTE{1});
+    const CLimitScope limit(m_rcvSock, 2 * m_rcvSock.KeptRecvTimeOut());
     if (!SendScrambled(m_rcvSock, CMD_REGISTER, std::span(record).first(writer.Length())))
         return CONNECT_FAILED;
-    Reply scrambled{};
-    const int nGot = m_rcvSock._Recv(scrambled.data(), static_cast<int>(scrambled.size()), 0);
-    if (nGot < 1)
+    if (!RecvRegisterReply(reply, nPlain))
         return CONNECT_FAILED;
-    reply = {};
-    nPlain =
-        DecryptPacket(static_cast<UINT>(nGot), scrambled.data(), UINT{SNRegReq::BUFFER_SIZE}, reply.data());
     if (nPlain < MIN_ACK_SIZE)
         return nPlain == 1 && reply[0] == CMD_REFUSED ? CONNECT_NOT_AUTHENTICATED : CONNECT_FAILED;
     return reply[0] == CMD_REGISTER ? 0 : CONNECT_FAILED;
+}
+
+/// The scrambling goes group by group, so that what has come so far can be read as far as it goes; a length
+/// that no message has is one whose next byte is on its way.
+bool CClientSock::RecvRegisterReply(Reply& reply, UINT& nPlain)
+{
+    Reply scrambled{};
+    return m_rcvSock.RecvUntil(scrambled, [&](std::span<const BYTE> bytes) {
+        reply = {};
+        nPlain = DecryptPacket(static_cast<UINT>(bytes.size()), bytes.data(), UINT{SNRegReq::BUFFER_SIZE},
+                               reply.data());
+        return nPlain > 0 && IsWholeAck(std::span<const BYTE>(reply).first(nPlain));
+    }) > 0;
 }
 
 int CClientSock::ReqSend(const void* pBuf, int nLen)
@@ -262,30 +315,48 @@ bool CClientSock::ReqRecvAll(void* pBuf, int nLen)
     return m_reqSock.RecvAll(pBuf, nLen, 0);
 }
 
-CExchange::CExchange(CClientSock& sock) : m_sock(sock)
+void CClientSock::EndConnection()
 {
-    const auto end = std::chrono::steady_clock::now() + MAX_DRAIN_TIME;
-    std::array<BYTE, 2048> rest;
-    size_t nDrained = 0;
-    const bool bUnclean = m_sock.m_bUnclean;
-    for (;;) {
-        int nGot = m_sock.m_reqSock._Recv(rest.data(), static_cast<int>(rest.size()), MSG_DONTWAIT);
-        // What follows stray bytes may be right behind them; a clean connection costs one call and no wait.
-        if (nGot < 0 && (bUnclean || nDrained > 0))
-            nGot = m_sock.m_reqSock.RecvTimeOut(rest.data(), static_cast<int>(rest.size()), QUIET_MS);
-        if (nGot <= 0)
-            return;
-        nDrained += static_cast<size_t>(nGot);
-        if (nDrained > MAX_DRAIN || std::chrono::steady_clock::now() >= end) {
-            m_sock.m_reqSock.Close();
-            return;
-        }
+    m_reqSock.ShutDown();
+    m_rcvSock.ShutDown();
+    StopSock();
+}
+
+/// Threads of a script meet here only while a signal handler of the script runs in the middle of a request.
+/// Another thread's request waits until that one is over; one of the handler's own would never be.
+bool CClientSock::BeginExchange()
+{
+    while (m_bExchanging.exchange(true)) {
+        const auto fnYield = WaitHook().fnYield;
+        if (m_exchangeThread.load() == std::this_thread::get_id() || !fnYield)
+            return false;
+        fnYield();
     }
+    m_exchangeThread = std::this_thread::get_id();
+    return true;
+}
+
+CExchange::CExchange(CClientSock& sock) : m_sock(sock), m_bMine(sock.BeginExchange())
+{
+    if (!m_bMine)
+        return;
+    CReqTimeSock& req = m_sock.m_reqSock;
+    if (const int nTail = std::exchange(m_sock.m_nTail, 0); nTail > 0) {
+        std::vector<BYTE> tail(static_cast<size_t>(nTail));
+        static_cast<void>(req._Recv(tail.data(), nTail, MSG_DONTWAIT));
+    }
+    m_bOpen = req.IsQuiet();
+    if (const long nTimeOut = req.KeptRecvTimeOut(); nTimeOut > 0)
+        req.SetLimit(CSyncSocket::Clock::now() + 2 * std::chrono::milliseconds(nTimeOut));
 }
 
 CExchange::~CExchange()
 {
-    m_sock.m_bUnclean = !m_bClean;
-    if (m_sock.m_reqSock.HasTimedOut())
-        m_sock.m_reqSock.Close();
+    // In a process that a signal handler has forked off, everything here belongs to the parent.
+    if (!m_bMine || m_fork.IsForked())
+        return;
+    LiftLimit();
+    if (!m_bClean)
+        m_sock.EndConnection();
+    m_sock.m_bExchanging = false;
 }

@@ -5,13 +5,16 @@
 // thread may read the receive socket, and may end both sockets, meanwhile.
 #pragma once
 
+#include "ForkMark.h"
 #include "NetCmd.h"
 #include "SyncSocket.h"
 #include "cstring.h"
 #include "mtool3.h"
 
+#include <atomic>
 #include <cstddef>
 #include <span>
+#include <thread>
 
 /// The record of the two registration requests in its plain form; without a relay the open request is the
 /// identifier alone:
@@ -75,7 +78,6 @@ class CClientSock
 public:
     static constexpr WORD RELAY_PORT = 3968;
     static constexpr int MAX_REDIRECTS = 8;
-    static constexpr int MIRROR_BAD_NAME = -3;
 
     CClientSock() = default;
     virtual ~CClientSock() = default;
@@ -91,6 +93,10 @@ public:
     bool GetPrjPath(CString& strPrj, CString& strEvent, CString& strAlarm, CString& strHist);
     /// Ends both connections. Any thread may.
     void StopSock();
+    /// Ends both connections because one of them is of no use any more. Any thread may.
+    virtual void EndConnection();
+    /// True while a request is under way. Any thread may ask.
+    bool IsExchanging() const noexcept { return m_bExchanging; }
 
     /// Sends one request. Returns nLen, or the failing send's 0 or -1. A send that took only a part is
     /// followed by one of the whole message again.
@@ -120,15 +126,20 @@ private:
                     bool bAccessDB, int nRedirects);
     bool OpenSocket(CScnSocket& sock, const SServerAddr& addr);
     int SendOpen(const SServerAddr& addr, const _GUID& guid, Reply& reply);
+    int RecvOpenReply(const SServerAddr& addr, Reply& reply);
     int SendRegister(const _GUID& guid, bool bAccessDB, Reply& reply, UINT& nPlain);
+    bool RecvRegisterReply(Reply& reply, UINT& nPlain);
+    bool BeginExchange();
 
-    bool m_bUnclean = false; // bytes of an earlier exchange may still come in on the request socket
+    std::atomic<bool> m_bExchanging{false};
+    std::atomic<std::thread::id> m_exchangeThread; // meaningful while m_bExchanging
+    int m_nTail = 0; // bytes that the reply before may still bring; see CExchange::Succeed
 };
 
-/// One request and its whole reply on the request connection. Requests carry no identity, so whatever has
-/// come in before is thrown away here, and an exchange that ends without having read its whole reply keeps
-/// the next one from taking the rest for its own: Succeed() says that nothing is left over. After a time-out
-/// the late reply may come at any moment, so the request connection is ended.
+/// One request and its whole reply on the request connection. Replies carry no request id, so a byte that
+/// belongs to no request makes the connection useless: what is there before the request is sent, and a reply
+/// that was not read to its end, end both connections. A reply has to be whole within 2 T, T being the
+/// request socket's time-out.
 class CExchange
 {
 public:
@@ -137,9 +148,23 @@ public:
     CExchange(const CExchange&) = delete;
     CExchange& operator=(const CExchange&) = delete;
 
-    void Succeed() noexcept { m_bClean = true; }
+    /// False: nothing may be sent. The connection has ended, or a signal handler asks something in the middle
+    /// of the request that it interrupted.
+    bool IsOpen() const noexcept { return m_bOpen; }
+    /// The whole reply has been read. Without this call the destructor ends the connection. A few replies
+    /// have no known end: up to nTail more bytes that come before the next request are taken for theirs.
+    void Succeed(size_t nTail = 0) noexcept
+    {
+        m_bClean = true;
+        m_sock.m_nTail = static_cast<int>(nTail);
+    }
+    /// For a transfer that sets limits of its own.
+    void LiftLimit() noexcept { m_sock.m_reqSock.SetLimit(std::nullopt); }
 
 private:
     CClientSock& m_sock;
+    const CForkMark m_fork;
+    bool m_bMine = false; // this object has the connection to itself
+    bool m_bOpen = false;
     bool m_bClean = false;
 };

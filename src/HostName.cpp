@@ -2,7 +2,9 @@
 #include "HostName.h"
 
 #include "ThreadHelp.h"
+#include "WaitHook.h"
 
+#include <algorithm>
 #include <chrono>
 #include <condition_variable>
 #include <memory>
@@ -11,6 +13,8 @@
 #include <string>
 
 namespace {
+
+constexpr long LONGEST_MS = 1L << 40; // keeps the sum with the clock in bounds
 
 std::optional<in_addr> LookUp(LPCSTR szHost)
 {
@@ -62,7 +66,18 @@ std::optional<in_addr> ResolveHost(LPCSTR szHost, long nMs)
         return std::nullopt;
     static_cast<void>(held.release()); // the thread's from now on
     std::unique_lock guard(pQuestion->lock);
-    const auto until = std::chrono::steady_clock::now() + std::chrono::milliseconds(nMs);
-    pQuestion->answered.wait_until(guard, until, [&] { return pQuestion->bDone; });
+    const auto until =
+        std::chrono::steady_clock::now() + std::chrono::milliseconds(std::min(nMs, LONGEST_MS));
+    const auto fnGoOn = WaitHook().fnGoOn;
+    const auto slice = std::chrono::milliseconds(SWaitHook::SLICE_MS);
+    while (!pQuestion->bDone && std::chrono::steady_clock::now() < until) {
+        const auto next = std::min(until, std::chrono::steady_clock::now() + slice);
+        pQuestion->answered.wait_until(guard, next);
+        guard.unlock(); // fnGoOn may run whatever the script wants
+        const bool bGoOn = !fnGoOn || fnGoOn();
+        guard.lock();
+        if (!bGoOn)
+            return std::nullopt;
+    }
     return pQuestion->answer;
 }

@@ -93,7 +93,7 @@ bool CClientSock::GetPrjPath(CString& strPrj, CString& strEvent, CString& strAla
 {
     CExchange exchange(*this);
     const BYTE nCmd = CMD_PRJ_PATH;
-    if (m_reqSock._Send(&nCmd, 1, 0) < 1)
+    if (!exchange.IsOpen() || m_reqSock._Send(&nCmd, 1, 0) < 1)
         return false;
     std::array<BYTE, PATH_REPLY_SIZE> reply{};
     const int nGot = m_reqSock._Recv(reply.data(), static_cast<int>(reply.size()), 0);
@@ -104,7 +104,7 @@ bool CClientSock::GetPrjPath(CString& strPrj, CString& strEvent, CString& strAla
     strEvent = CString(std::string(reader.Text()));
     strAlarm = CString(std::string(reader.Text()));
     strHist = CString(std::string(reader.Text()));
-    exchange.Succeed();
+    exchange.Succeed(reply.size() - static_cast<size_t>(nGot));
     return true;
 }
 

@@ -2,47 +2,73 @@
 #include "SyncSocket.h"
 
 #include "HostName.h"
+#include "WaitHook.h"
 
 #include <algorithm>
 #include <arpa/inet.h>
+#include <array>
 #include <cerrno>
 #include <fcntl.h>
 #include <netinet/tcp.h>
 #include <optional>
 #include <poll.h>
+#include <span>
 #include <unistd.h>
 
 namespace {
+
+using Clock = CSyncSocket::Clock;
+
+/// poll() takes this for: no time-out.
+constexpr int POLL_NEVER = -1;
+/// A time-out beyond this is none: adding it to the clock must not overflow.
+constexpr long LONGEST_MS = 1L << 40;
 
 /// The moment by which a call has to end. Made once a call, so that signals do not stretch it.
 class CDeadline
 {
 public:
-    explicit CDeadline(long nMs) : m_bNever(nMs <= 0), m_end(Clock::now() + std::chrono::milliseconds(nMs)) {}
+    explicit CDeadline(long nMs, Clock::rep nLimit = Clock::time_point::max().time_since_epoch().count())
+        : m_end(Clock::duration(nLimit))
+    {
+        if (nMs > 0 && nMs < LONGEST_MS)
+            m_end = std::min(m_end, Clock::now() + std::chrono::milliseconds(nMs));
+    }
 
-    /// Waits until the descriptor is ready: 1 ready, 0 expired, -1 failed.
+    bool HasPassed() const { return m_end != Clock::time_point::max() && Clock::now() >= m_end; }
+
+    /// Waits until the descriptor is ready: 1 ready, 0 expired, -1 failed or ended by the thread's WaitHook.
     int Wait(SOCKET hSocket, short nEvents) const
     {
+        pollfd entry{hSocket, nEvents, 0};
+        return Wait({&entry, 1});
+    }
+
+    int Wait(std::span<pollfd> entries) const
+    {
+        const auto fnGoOn = WaitHook().fnGoOn;
         for (;;) {
-            pollfd entry{hSocket, nEvents, 0};
-            const int nReady = ::poll(&entry, 1, LeftMs());
-            if (nReady >= 0 || errno != EINTR)
+            const int nMs = LeftMs();
+            const bool bSlice = fnGoOn && (nMs == POLL_NEVER || nMs > SWaitHook::SLICE_MS);
+            const int nReady =
+                ::poll(entries.data(), entries.size(), bSlice ? int{SWaitHook::SLICE_MS} : nMs);
+            const bool bAgain = nReady < 0 ? errno == EINTR : nReady == 0 && bSlice;
+            if (fnGoOn && !fnGoOn())
+                return -1;
+            if (!bAgain)
                 return nReady;
         }
     }
 
 private:
-    using Clock = std::chrono::steady_clock;
-
     int LeftMs() const
     {
-        if (m_bNever)
-            return -1;
+        if (m_end == Clock::time_point::max())
+            return POLL_NEVER;
         const auto left = std::chrono::ceil<std::chrono::milliseconds>(m_end - Clock::now()).count();
         return static_cast<int>(std::clamp<long long>(left, 0, 0x7FFFFFFF));
     }
 
-    bool m_bNever;
     Clock::time_point m_end;
 };
 
@@ -110,6 +136,19 @@ SOCKET OpenSocket(int nType) noexcept
     return hOther;
 }
 
+/// Owns the descriptor from here on, also when there is no memory.
+std::shared_ptr<CSockHandle> MakeHandle(SOCKET hSocket)
+{
+    if (hSocket == -1)
+        return nullptr;
+    try {
+        return std::make_shared<CSockHandle>(hSocket);
+    } catch (...) {
+        ::close(hSocket);
+        throw;
+    }
+}
+
 /// Puts a descriptor into non-blocking mode for one scope.
 class CNonBlocking
 {
@@ -142,7 +181,7 @@ CSyncSocket::CSyncSocket(SOCKET hSocket)
 
 void CSyncSocket::SetHandle(SOCKET hSocket)
 {
-    auto pHandle = hSocket == -1 ? nullptr : std::make_shared<CSockHandle>(hSocket);
+    Pin pHandle = MakeHandle(hSocket);
     m_nRecvTimeOut = TimeOption(hSocket, SO_RCVTIMEO).value_or(0);
     m_nSendTimeOut = TimeOption(hSocket, SO_SNDTIMEO).value_or(0);
     const CThreadGuard guard(m_lock);
@@ -273,6 +312,31 @@ void CSyncSocket::Close()
         pHandle->Forget();
 }
 
+bool CSyncSocket::IsQuiet() const noexcept
+{
+    const auto pin = PinHandle();
+    BYTE nByte = 0;
+    return pin && ::recv(pin->Get(), &nByte, 1, MSG_PEEK | MSG_DONTWAIT) < 0 && WouldBlock();
+}
+
+CSyncSocket::EWake CSyncSocket::WaitRecv(const CSyncSocket* pOther, long nMs) const
+{
+    const auto pin = PinHandle();
+    const auto other = pOther ? pOther->PinHandle() : nullptr;
+    if (!pin || (pOther && !other))
+        return EWake::OtherEnded;
+    std::array<pollfd, 2> entries{pollfd{pin->Get(), POLLIN, 0},
+                                  pollfd{other ? other->Get() : -1, POLLRDHUP, 0}};
+    if (CDeadline(nMs).Wait(entries) < 1)
+        return EWake::Expired;
+    return entries[0].revents ? EWake::Ready : EWake::OtherEnded;
+}
+
+void CSyncSocket::SetLimit(std::optional<Clock::time_point> until) noexcept
+{
+    m_nLimit = until ? until->time_since_epoch().count() : NO_LIMIT;
+}
+
 void CSyncSocket::CloseForked() noexcept RK_NO_THREAD_SAFETY
 {
     if (!m_hSocket)
@@ -281,32 +345,29 @@ void CSyncSocket::CloseForked() noexcept RK_NO_THREAD_SAFETY
     m_hSocket->Forget();
 }
 
-int CSyncSocket::NoteTimeOut(int nResult, int nFlags) noexcept
+void CSyncSocket::NoteTimeOut() noexcept
 {
-    if (nResult < 0 && !(nFlags & MSG_DONTWAIT) && WouldBlock())
-        m_bTimedOut = true;
-    return nResult;
+    m_bTimedOut = true;
+    errno = EAGAIN;
 }
 
 int CSyncSocket::SendOn(SOCKET hSocket, const void* pBuf, int nLen, int nFlags)
 {
-    const CDeadline deadline(m_nSendTimeOut);
+    const CDeadline deadline(m_nSendTimeOut, m_nLimit);
     const auto* pFrom = static_cast<const BYTE*>(pBuf);
     int nDone = 0;
     for (;;) {
         const auto nLeft = static_cast<size_t>(nLen - nDone);
-        const auto nSent = ::send(hSocket, pFrom + nDone, nLeft, nFlags | MSG_NOSIGNAL);
+        const auto nSent = ::send(hSocket, pFrom + nDone, nLeft, nFlags | MSG_NOSIGNAL | MSG_DONTWAIT);
         if (nSent >= 0) {
             nDone += static_cast<int>(nSent);
             if (nDone >= nLen || (nFlags & MSG_DONTWAIT))
                 return nDone;
-        } else if (errno != EINTR) {
-            NoteTimeOut(-1, nFlags);
+        } else if (errno != EINTR && (nFlags & MSG_DONTWAIT || !WouldBlock())) {
             return nDone > 0 ? nDone : -1;
         }
         if (deadline.Wait(hSocket, POLLOUT) != 1) {
-            m_bTimedOut = true;
-            errno = EAGAIN;
+            NoteTimeOut();
             return nDone > 0 ? nDone : -1;
         }
     }
@@ -314,9 +375,20 @@ int CSyncSocket::SendOn(SOCKET hSocket, const void* pBuf, int nLen, int nFlags)
 
 int CSyncSocket::RecvOn(SOCKET hSocket, void* pBuf, int nLen, int nFlags)
 {
-    const auto nGot = Resumed(hSocket, POLLIN, m_nRecvTimeOut,
-                              [&] { return ::recv(hSocket, pBuf, static_cast<size_t>(nLen), nFlags); });
-    return NoteTimeOut(static_cast<int>(nGot), nFlags);
+    const CDeadline deadline(nFlags & MSG_DONTWAIT ? 0 : KeptRecvTimeOut(), m_nLimit);
+    for (;;) {
+        if (deadline.HasPassed()) {
+            NoteTimeOut();
+            return -1;
+        }
+        const auto nGot = ::recv(hSocket, pBuf, static_cast<size_t>(nLen), nFlags | MSG_DONTWAIT);
+        if (nGot >= 0 || (errno != EINTR && (nFlags & MSG_DONTWAIT || !WouldBlock())))
+            return static_cast<int>(nGot);
+        if (deadline.Wait(hSocket, POLLIN) != 1) {
+            NoteTimeOut();
+            return -1;
+        }
+    }
 }
 
 int CSyncSocket::_Send(const void* pBuf, int nLen, int nFlags)
@@ -359,6 +431,18 @@ bool CSyncSocket::RecvAll(void* pBuf, int nLen, int nFlags)
         nDone += nGot;
     }
     return nDone == nLen;
+}
+
+int CSyncSocket::RecvUntil(std::span<BYTE> buf, const std::function<bool(std::span<const BYTE>)>& fnWhole)
+{
+    size_t nDone = 0;
+    while (nDone < buf.size() && (nDone == 0 || !fnWhole(buf.first(nDone)))) {
+        const int nGot = _Recv(buf.data() + nDone, static_cast<int>(buf.size() - nDone), 0);
+        if (nGot < 1)
+            return 0;
+        nDone += static_cast<size_t>(nGot);
+    }
+    return static_cast<int>(nDone);
 }
 
 bool CSyncSocket::SendTimeOut(const void* pBuf, ULONG nLen, long nMs)

@@ -5,6 +5,9 @@
 // waits for the kernel to gather small packets (TCP_NODELAY), and has the kernel probe a silent peer
 // (SO_KEEPALIVE), so that a call without a time-out ends when the network is gone.
 //
+// While a wait lasts, the calling thread's WaitHook is asked; a wait that it ends has failed like one whose
+// time is up.
+//
 // Threads: one thread transfers at a time, but any thread may Close() or ShutDown() meanwhile. Each call
 // pins the descriptor, so its number is closed once, by whoever leaves it last, and is never reused by the
 // system while a call is still inside it.
@@ -16,8 +19,11 @@
 #include <atomic>
 #include <chrono>
 #include <ctime>
+#include <functional>
 #include <memory>
 #include <netinet/in.h>
+#include <optional>
+#include <span>
 #include <sys/socket.h>
 
 /// One open descriptor, closed when its last holder lets go.
@@ -39,6 +45,8 @@ private:
 class CSyncSocket
 {
 public:
+    using Clock = std::chrono::steady_clock;
+
     static constexpr int RECV_EXPIRED = -3; // RecvTimeOut: nothing came in time (0: peer closed, -1: error)
     // A peer that has been silent is probed after a while, and taken for gone after so many probes: 90 s in
     // all, about two minutes by the kernel's coarse timers.
@@ -78,6 +86,9 @@ public:
 
     bool SendAll(const void* pBuf, int nLen, int nFlags = 0);
     bool RecvAll(void* pBuf, int nLen, int nFlags = 0);
+    /// Receives a reply that says itself where it ends: until fnWhole is true of the bytes so far, or buf is
+    /// full. Returns the bytes, or 0 when the stream ended before.
+    int RecvUntil(std::span<BYTE> buf, const std::function<bool(std::span<const BYTE>)>& fnWhole);
     bool SendTimeOut(const void* pBuf, ULONG nLen, long nMs);
     int RecvTimeOut(void* pBuf, int nLen, long nMs);
     int _SendTo(const void* pBuf, int nLen, UINT nPort, LPCSTR szHost, int nFlags = 0);
@@ -88,11 +99,28 @@ public:
     /// 0 leaves both time-outs as they are.
     bool SetTimeOut(long nMs);
     bool GetRecvTimeOut(long& nMs) const;
+    /// The receive time-out that was set last, in ms; 0: none.
+    long KeptRecvTimeOut() const noexcept { return m_nRecvTimeOut; }
+    /// No send or receive lasts beyond this moment, whatever its time-out; one that begins later fails even
+    /// if there is something to receive. Nothing: no such moment.
+    void SetLimit(std::optional<Clock::time_point> until) noexcept;
     void SetConnectTimeOut(long nMs) noexcept { m_nConnectTimeOut = nMs; }
     /// True once a blocking transfer on the current socket has ended by its time-out: the peer may still
     /// answer what was asked, so the stream can no longer be trusted.
     bool HasTimedOut() const noexcept { return m_bTimedOut; }
     SOCKET GetHandle() const;
+    /// True while the peer has neither sent anything that was not received nor ended the stream.
+    bool IsQuiet() const noexcept;
+    /// What ended a wait for this socket's next bytes beside another socket.
+    enum class EWake
+    {
+        Ready,      // there is something to receive here, the end of the stream included
+        OtherEnded, // the peer of the other socket has ended it
+        Expired,
+    };
+    /// Waits until this socket has something to receive or the other one's peer has ended that one; a socket
+    /// that is closed counts as ended. nMs 0: no limit. What the other one receives does not matter.
+    EWake WaitRecv(const CSyncSocket* pOther, long nMs) const;
 
 protected:
     using Pin = std::shared_ptr<CSockHandle>;
@@ -103,13 +131,16 @@ protected:
 private:
     void SetHandle(SOCKET hSocket);
     bool SetTimeOption(int nName, long nMs, std::atomic<long>& nKept);
-    int NoteTimeOut(int nResult, int nFlags) noexcept;
+    void NoteTimeOut() noexcept;
+
+    static constexpr Clock::rep NO_LIMIT = Clock::time_point::max().time_since_epoch().count();
 
     mutable CThreadLock m_lock;
     Pin m_hSocket RK_GUARDED_BY(m_lock); // null: no socket
     std::atomic<long> m_nRecvTimeOut{0}; // ms, 0: none; what SO_RCVTIMEO of the descriptor holds
     std::atomic<long> m_nSendTimeOut{0};
     std::atomic<long> m_nConnectTimeOut{0};
+    std::atomic<Clock::rep> m_nLimit{NO_LIMIT};
     std::atomic<bool> m_bTimedOut{false};
 };
 

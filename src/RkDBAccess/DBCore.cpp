@@ -24,8 +24,9 @@
 namespace {
 
 constexpr size_t LOGIN_SIZE = 256;
+constexpr size_t LOGIN_REPLY_SIZE = 9; // more may follow, which says nothing
 constexpr size_t NAME_REQUEST_SIZE = 256;
-constexpr size_t SHORT_REPLY_SIZE = 16;
+constexpr size_t POSITION_SIZE = 3;
 constexpr DWORD EXIT_WAIT_MS = 16000;
 constexpr UINT ASK_ALWAYS = 0xFFFFFFFF; // time and size that no local copy has
 constexpr const char* DRVINFO_FILE = "RecData/drvinfo.dat";
@@ -64,14 +65,35 @@ CDBCore::~CDBCore()
     LiveCores().erase(this);
 }
 
+void CDBCore::Release()
+{
+    if (--m_nRefs == 0)
+        delete this;
+}
+
 EConnect CDBCore::_Connect(const CString& strHost, LPCSTR szUserName, LPCSTR szPassword)
 {
+    if (IsExchanging() || m_bConnecting)
+        return EConnect::Failed;
     if (!_Disconnect())
         return EConnect::Failed; // the old receive thread would take the new connection for its own
+    struct SConnecting
+    {
+        bool& bFlag;
+        ~SConnecting() { bFlag = false; }
+    };
+    m_bConnecting = true;
+    const SConnecting connecting{m_bConnecting};
     const EConnect eResult = g_bAllEnded ? EConnect::Failed : OpenConnection(strHost, szUserName, szPassword);
     if (eResult != EConnect::Connected)
         StopSock();
     return eResult;
+}
+
+void CDBCore::EndConnection()
+{
+    if (!LoseConnection())
+        CloseSockets();
 }
 
 EConnect CDBCore::OpenConnection(const CString& strHost, LPCSTR szUserName, LPCSTR szPassword)
@@ -106,10 +128,12 @@ EConnect CDBCore::Login(LPCSTR szUserName, LPCSTR szPassword, DWORD& nRights)
     if (writer.IsBad())
         return EConnect::Failed;
     CExchange exchange(*this);
-    if (ReqSend(request.data(), static_cast<int>(writer.Length())) <= 0)
+    if (!exchange.IsOpen() || ReqSend(request.data(), static_cast<int>(writer.Length())) <= 0)
         return EConnect::Failed;
     std::array<BYTE, LOGIN_SIZE> reply{};
-    const int nGot = m_reqSock._Recv(reply.data(), static_cast<int>(reply.size()), 0);
+    const int nGot = m_reqSock.RecvUntil(reply, [](std::span<const BYTE> bytes) {
+        return bytes[0] != CMD_LOGIN || bytes.size() >= LOGIN_REPLY_SIZE;
+    });
     if (nGot <= 0)
         return EConnect::Failed;
     PauseBetweenSteps();
@@ -119,7 +143,7 @@ EConnect CDBCore::Login(LPCSTR szUserName, LPCSTR szPassword, DWORD& nRights)
     nRights = reader.Get<DWORD>();
     if (nStatus != CMD_LOGIN)
         return nStatus == CMD_REFUSED ? EConnect::LoginRefused : EConnect::Protocol;
-    exchange.Succeed();
+    exchange.Succeed(reply.size() - static_cast<size_t>(nGot));
     return EConnect::Connected;
 }
 
@@ -220,6 +244,9 @@ int CDBCore::GetPrjFile(const char* szFile, const std::map<CString, SNFileInfo>&
         return 1;
     }
     CExchange exchange(*this);
+    if (!exchange.IsOpen())
+        return 0;
+    exchange.LiftLimit();
     const auto eResult = DownloadFile(szFile, m_reqSock, static_cast<char>(CMD_DOWNLOAD),
                                       m_strPrjPath.c_str(), info.time, info.size, nullptr, nullptr);
     if (eResult == EDownload::Complete)
@@ -249,15 +276,11 @@ CDBDriver* CDBCore::_GetDriver(const char* szName)
 int CDBCore::RequestAll(const void* szReq, int nReqLen, int needLen, void* buf)
 {
     CExchange exchange(*this);
-    if (!m_reqSock.SendAll(szReq, nReqLen, 0))
+    if (!exchange.IsOpen() || !m_reqSock.SendAll(szReq, nReqLen, 0) || !m_reqSock.RecvAll(buf, needLen, 0))
         return 0;
-    const int nGot = needLen > 0 ? m_reqSock._Recv(buf, needLen, 0) : 0;
-    if (needLen > 0 && (nGot < 1 || *static_cast<const BYTE*>(buf) != *static_cast<const BYTE*>(szReq)))
-        return 0;
-    if (!m_reqSock.RecvAll(static_cast<BYTE*>(buf) + nGot, needLen - nGot, 0))
-        return 0;
+    // A refusal has the same length: behind it the connection is in order.
     exchange.Succeed();
-    return 1;
+    return needLen < 1 || *static_cast<const BYTE*>(buf) == *static_cast<const BYTE*>(szReq);
 }
 
 int CDBCore::GetTagId(WORD drvId, const char* tagName, WORD* pTagId)
@@ -269,20 +292,11 @@ int CDBCore::GetTagId(WORD drvId, const char* tagName, WORD* pTagId)
     writer.Put(CMD_GET_POS);
     writer.Put(drvId);
     writer.PutText(tagName);
-    if (writer.IsBad())
-        return 0;
-    CExchange exchange(*this);
-    if (m_reqSock._Send(request.data(), static_cast<int>(writer.Length()), 0) < 1)
-        return 0;
     std::array<BYTE, SHORT_REPLY_SIZE> reply{};
-    const int nGot = m_reqSock._Recv(reply.data(), static_cast<int>(reply.size()), 0);
-    CWireReader reader(std::span<const BYTE>(reply).first(static_cast<size_t>(std::max(nGot, 0))));
-    const BYTE nEcho = reader.Get<BYTE>();
-    const WORD nPos = reader.Get<WORD>();
-    if (reader.IsBad() || nEcho != CMD_GET_POS)
+    if (writer.IsBad() || !AskShort(std::span(request).first(writer.Length()), POSITION_SIZE, reply))
         return 0;
-    *pTagId = nPos;
-    exchange.Succeed();
+    CWireReader reader(std::span<const BYTE>(reply).subspan(1));
+    *pTagId = reader.Get<WORD>();
     return 1;
 }
 
@@ -292,15 +306,22 @@ int CDBCore::UnadviseTag(int64_t id)
     CWireWriter writer(request);
     writer.Put(CMD_UNADVISE);
     writer.Put(static_cast<uint64_t>(id));
-    CExchange exchange(*this);
-    if (m_reqSock._Send(request.data(), static_cast<int>(writer.Length()), 0) == 0)
-        return 0;
     std::array<BYTE, SHORT_REPLY_SIZE> reply{};
-    const int nGot = m_reqSock._Recv(reply.data(), static_cast<int>(reply.size()), 0);
-    if (nGot < 1 || reply[0] != CMD_UNADVISE)
-        return 0;
-    exchange.Succeed();
-    return 1;
+    return AskShort(request, 1, reply);
+}
+
+/// Sends a request whose reply begins with its command byte, has nLeast bytes and may have more.
+bool CDBCore::AskShort(std::span<const BYTE> request, size_t nLeast, std::span<BYTE, SHORT_REPLY_SIZE> reply)
+{
+    CExchange exchange(*this);
+    if (!exchange.IsOpen() || m_reqSock._Send(request.data(), static_cast<int>(request.size()), 0) < 1)
+        return false;
+    const int nGot = m_reqSock.RecvUntil(
+        reply, [&](std::span<const BYTE> bytes) { return bytes[0] != request[0] || bytes.size() >= nLeast; });
+    if (nGot < 1 || reply[0] != request[0])
+        return false;
+    exchange.Succeed(reply.size() - static_cast<size_t>(nGot));
+    return true;
 }
 
 void CDBCore::KeepCallback(std::shared_ptr<CPyCallback> pFn)

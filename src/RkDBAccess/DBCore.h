@@ -52,13 +52,24 @@ public:
 
     CDBCore();
     ~CDBCore() override;
+    CDBCore(const CDBCore&) = delete;
+    CDBCore& operator=(const CDBCore&) = delete;
 
-    /// Ends an existing connection, then makes a new one.
+    /// The script's object holds one reference, every call that may run code of a script another: such code
+    /// may drop the object in the middle of the call. Interpreter lock held.
+    void AddRef() noexcept { ++m_nRefs; }
+    void Release();
+
+    /// Ends an existing connection, then makes a new one. Fails at once in the middle of another call.
     EConnect _Connect(const CString& strHost, LPCSTR szUserName, LPCSTR szPassword);
     /// Ends the connection. False when the receive thread could not be parted from this core, which must then
     /// stay in memory.
     bool _Disconnect();
     bool IsConnected() const noexcept { return m_bConnect; }
+    /// True while _Connect runs: code of the script that runs meanwhile cannot use this object.
+    bool IsConnecting() const noexcept { return m_bConnecting; }
+    /// Ends the connection as a loss does.
+    void EndConnection() override;
 
     /// The receive thread's whole body.
     void DoRecv();
@@ -75,8 +86,8 @@ public:
     /// The driver of that GB2312 name, made on first use and owned here; null when there is none.
     CDBDriver* _GetDriver(const char* szName);
 
-    /// Sends a request and reads a reply of exactly needLen bytes; a reply that does not echo the command
-    /// byte fails at once. 1 or 0.
+    /// Sends a request and reads a reply of exactly needLen bytes, a refusal too. 1 if it echoes the command
+    /// byte, else 0.
     int RequestAll(const void* szReq, int nReqLen, int needLen, void* buf);
     /// One name's position: 1 found, 0 not (pTagId untouched).
     int GetTagId(WORD drvId, const char* tagName, WORD* pTagId);
@@ -104,12 +115,24 @@ public:
 private:
     friend class CDBCoreTest; // unit tests put in drivers and replies without a server
 
+    /// How the walk of a receive ended.
+    enum class EWalk
+    {
+        Walked,
+        Lost, // the rest of a notification does not come
+        Gone, // the core has gone meanwhile and must not be touched
+    };
+
+    static constexpr size_t SHORT_REPLY_SIZE = 16;
+
+    bool AskShort(std::span<const BYTE> request, size_t nLeast, std::span<BYTE, SHORT_REPLY_SIZE> reply);
     EConnect OpenConnection(const CString& strHost, LPCSTR szUserName, LPCSTR szPassword);
     EConnect Login(LPCSTR szUserName, LPCSTR szPassword, DWORD& nRights);
     EConnect LoadDrivers(const SNAckRegReq& ack);
     EConnect StartReceiving(DWORD nRights);
     void CloseSockets();
     bool LetReceiveThreadGo();
+    bool IsInDirectory(WORD nDriver);
     bool HasTag(WORD nDriver, WORD nTag);
     CDriverRef DriverAt(WORD nDriver);
     int OnDriverNotify(WORD nDriver, std::span<const BYTE> bytes, CPyThread* pPython);
@@ -118,12 +141,17 @@ private:
                  const std::vector<S2RtAlarm2>& alarms);
     int Register(PyObject* rtAlarmNotifyFn, bool notifyExisting);
     bool AttachReceiver(const std::shared_ptr<const SAlarmReceiver>& pReceiver);
-    bool WalkReceive(CRecvBuffer& buffer, CPyThread& python);
+    EWalk WalkReceive(CRecvBuffer& buffer, CPyThread& python);
+    bool Receive(CRecvBuffer& buffer);
+    bool AwaitReceive();
+    void AwaitFirstValue(CDBDriver& driver, WORD nTag, CPyThread* pPython);
     bool LoseConnection();
     bool ReadActiveAlarms(std::vector<S2RtAlarm2>& alarms);
     StringListPtr LoadStringList(const char* szFile);
 
     CForkMark m_fork;
+    int m_nRefs = 1;                     // interpreter lock
+    bool m_bConnecting = false;          // interpreter lock
     std::atomic<bool> m_bConnect{false}; // also the receive thread's run flag
     std::shared_ptr<CRecvLink> m_pRecvLink;
     StringListPtr m_textList; // null: not loaded
@@ -136,6 +164,31 @@ private:
     std::multimap<CString, SNDrvInfoEx> m_retired RK_GUARDED_BY(m_lock); // drivers of connections that ended
     std::shared_ptr<const SAlarmReceiver> m_rtAlarmNotifyFn RK_GUARDED_BY(m_lock);
     CHeldAlarms m_held RK_GUARDED_BY(m_lock);
+};
+
+/// One counted reference to a core; made and destroyed under the interpreter lock.
+class CCoreRef
+{
+public:
+    explicit CCoreRef(CDBCore* p) noexcept : m_p(p)
+    {
+        if (m_p)
+            m_p->AddRef();
+    }
+    ~CCoreRef()
+    {
+        if (m_p)
+            m_p->Release();
+    }
+    CCoreRef(const CCoreRef&) = delete;
+    CCoreRef& operator=(const CCoreRef&) = delete;
+
+    CDBCore& operator*() const noexcept { return *m_p; }
+    CDBCore* operator->() const noexcept { return m_p; }
+    explicit operator bool() const noexcept { return m_p != nullptr; }
+
+private:
+    CDBCore* const m_p;
 };
 
 /// Reads the entries of a list file into strList, as UTF-8, unless strList has some. Empty lines are no

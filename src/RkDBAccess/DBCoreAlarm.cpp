@@ -115,8 +115,8 @@ bool CDBCore::ReadActiveAlarms(std::vector<S2RtAlarm2>& alarms)
     CExchange exchange(*this);
     const BYTE nCmd = CMD_RT_ALARM;
     std::array<BYTE, HEAD_SIZE> head{};
-    if (ReqSend(&nCmd, 1) < 1 || !m_reqSock.RecvAll(head.data(), 1, 0) || head[0] != CMD_RT_ALARM ||
-        !m_reqSock.RecvAll(head.data() + 1, 2, 0))
+    if (!exchange.IsOpen() || ReqSend(&nCmd, 1) < 1 || !m_reqSock.RecvAll(head.data(), 1, 0) ||
+        head[0] != CMD_RT_ALARM || !m_reqSock.RecvAll(head.data() + 1, 2, 0))
         return false;
     for (int nLeft = head[1] | head[2] << 8; nLeft > 0; --nLeft) {
         std::array<BYTE, S2RtAlarm2::WIRE_SIZE> record{};
@@ -129,14 +129,19 @@ bool CDBCore::ReadActiveAlarms(std::vector<S2RtAlarm2>& alarms)
     return true;
 }
 
+/// Null when the connection has ended meanwhile.
 StringListPtr CDBCore::LoadStringList(const char* szFile)
 {
     {
         CExchange exchange(*this);
+        if (!exchange.IsOpen())
+            return nullptr;
+        exchange.LiftLimit();
         const auto eResult = DownloadFile(szFile, m_reqSock, static_cast<char>(CMD_DOWNLOAD),
                                           m_strPrjPath.c_str(), 0, 0, nullptr, nullptr);
-        if (eResult == EDownload::Complete)
-            exchange.Succeed();
+        if (eResult != EDownload::Complete)
+            return nullptr;
+        exchange.Succeed();
     }
     auto pList = std::make_shared<CStringList>();
     InitStringList(CString(m_strPrjPath + szFile), *pList);
@@ -205,6 +210,8 @@ int CDBCore::Register(PyObject* rtAlarmNotifyFn, bool notifyExisting)
         m_textList = LoadStringList("RecData/textlist");
     if (!m_tagList || m_tagList->empty())
         m_tagList = LoadStringList("RecData/taglist");
+    if (!m_textList || !m_tagList)
+        return -2;
     const auto pFn = std::make_shared<CPyCallback>(rtAlarmNotifyFn);
     KeepCallback(pFn);
     const auto pReceiver = std::make_shared<const SAlarmReceiver>(pFn, m_textList, m_tagList);

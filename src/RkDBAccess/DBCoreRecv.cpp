@@ -11,10 +11,9 @@ namespace {
 constexpr auto PAUSE_BEFORE_END = std::chrono::milliseconds(60);
 constexpr size_t DRIVER_HEAD = 4; // driver id and tag position
 
-/// How long a change of a tag without a value waits for the subscription that will bring one. The reply and
-/// the changes come by different connections, so a change may be here first.
-constexpr auto FIRST_VALUE_WAIT = std::chrono::milliseconds(500);
 constexpr auto FIRST_VALUE_STEP = std::chrono::milliseconds(1);
+/// Between two looks whether the request is over that is reading the end of its connection.
+constexpr long REQUEST_STEP_MS = 5;
 
 std::atomic<int> g_nThreads{0};
 [[maybe_unused]] const int g_nForkHandler = ::pthread_atfork(nullptr, nullptr, [] { g_nThreads = 0; });
@@ -59,16 +58,12 @@ void CDBCore::DoRecv()
     CPyThread python(*pLink); // outlives SDone: a thread state is given back after the core was let go
     const SDone done{*pLink};
     try {
-        CRecvBuffer buffer;
+        CRecvBuffer buffer(m_reqSock.KeptRecvTimeOut());
         while (m_bConnect) {
-            if (buffer.Fill(m_rcvSock) > 0) {
-                if (!WalkReceive(buffer, python))
-                    return;
-                python.EndTurn();
-                continue;
-            }
-            if (LoseConnection())
+            const EWalk eWalk = Receive(buffer) ? WalkReceive(buffer, python) : EWalk::Lost;
+            if (eWalk == EWalk::Gone || (eWalk == EWalk::Lost && LoseConnection()))
                 return;
+            python.EndTurn();
         }
     } catch (const std::exception&) {
         // No memory for a value: with that change passed over in silence the script would see a wrong one.
@@ -79,35 +74,56 @@ void CDBCore::DoRecv()
     std::this_thread::sleep_for(PAUSE_BEFORE_END);
 }
 
-/// The connection has ended without the script's doing. False: the script was first.
+/// Begins a receive. False when one of the two connections has ended: neither is of use without the other.
+bool CDBCore::Receive(CRecvBuffer& buffer)
+{
+    int nGot = buffer.Fill(m_rcvSock, MSG_DONTWAIT);
+    while (nGot < 0 && AwaitReceive())
+        nGot = buffer.Fill(m_rcvSock, MSG_DONTWAIT);
+    return nGot > 0;
+}
+
+bool CDBCore::AwaitReceive()
+{
+    using EWake = CSyncSocket::EWake;
+    EWake eWake = m_rcvSock.WaitRecv(&m_reqSock, 0);
+    // The request connection has ended, but a request may still read the reply in front of that end. It ends
+    // both connections itself if it finds no whole one.
+    while (eWake == EWake::OtherEnded && m_bConnect && IsExchanging()) {
+        if (m_rcvSock.WaitRecv(nullptr, REQUEST_STEP_MS) == EWake::Ready)
+            return true;
+    }
+    return eWake == EWake::Ready;
+}
+
+/// Ends the connection as lost. False: it had ended before.
 bool CDBCore::LoseConnection()
 {
     if (!m_bConnect.exchange(false))
         return false;
+    ClearDrivers(); // first: whoever sees a connection end finds the loss known here
     m_reqSock.ShutDown();
     m_rcvSock.ShutDown();
     StopSock();
-    ClearDrivers();
     return true;
 }
 
-/// Walks one receive. False: the core has gone meanwhile and must not be touched.
-bool CDBCore::WalkReceive(CRecvBuffer& buffer, CPyThread& python)
+CDBCore::EWalk CDBCore::WalkReceive(CRecvBuffer& buffer, CPyThread& python)
 {
     for (;;) {
         while (!buffer.IsWalked()) {
             const int nLen = OnDBNotify(buffer.Unwalked(), &python);
             if (nLen == NOTIFY_LEAVE)
-                return false;
+                return EWalk::Gone;
             if (nLen == NOTIFY_CUT)
                 break;
             buffer.Skip(static_cast<size_t>(nLen));
         }
         if (buffer.IsWalked())
-            return true;
+            return EWalk::Walked;
         python.EndTurn(); // the network is awaited without the interpreter lock
         if (!m_bConnect || !buffer.More(m_rcvSock))
-            return true;
+            return EWalk::Lost;
     }
 }
 
@@ -135,6 +151,12 @@ CDriverRef CDBCore::DriverAt(WORD nDriver)
     return CDriverRef(nDriver < m_pDrivers.size() ? m_pDrivers[nDriver] : nullptr);
 }
 
+bool CDBCore::IsInDirectory(WORD nDriver)
+{
+    const CThreadGuard guard(m_lock);
+    return nDriver < m_pDrivers.size();
+}
+
 bool CDBCore::HasTag(WORD nDriver, WORD nTag)
 {
     const CDriverRef driver = DriverAt(nDriver);
@@ -143,18 +165,26 @@ bool CDBCore::HasTag(WORD nDriver, WORD nTag)
 
 int CDBCore::OnDriverNotify(WORD nDriver, std::span<const BYTE> bytes, CPyThread* pPython)
 {
-    const CDriverRef driver = DriverAt(nDriver);
-    if (!driver)
-        return NOTIFY_STOP;
     CWireReader reader(bytes);
     reader.Skip(2);
     const WORD nTag = reader.Get<WORD>();
     if (reader.IsBad())
-        return NOTIFY_CUT;
-    for (auto waited = FIRST_VALUE_STEP;
-         waited < FIRST_VALUE_WAIT && m_bConnect && driver->AwaitsFirstValue(nTag);
-         waited += FIRST_VALUE_STEP)
-        std::this_thread::sleep_for(FIRST_VALUE_STEP);
+        return IsInDirectory(nDriver) ? NOTIFY_CUT : NOTIFY_STOP;
+    const CDriverRef driver = DriverAt(nDriver);
+    if (!driver)
+        return NOTIFY_STOP;
+    AwaitFirstValue(*driver.Get(), nTag, pPython);
     const int nValue = driver->OnDBNotify(nTag, reader.Rest(), pPython);
     return nValue > 0 ? nValue + static_cast<int>(DRIVER_HEAD) : nValue;
+}
+
+/// The reply of a subscription and the changes come by different connections, so a change may be here before
+/// the first value, without which it cannot be decoded. The request is bounded by its own time-out.
+void CDBCore::AwaitFirstValue(CDBDriver& driver, WORD nTag, CPyThread* pPython)
+{
+    while (m_bConnect && driver.AwaitsFirstValue(nTag)) {
+        if (pPython)
+            pPython->EndTurn(); // the request is the script's, which may need the interpreter lock
+        std::this_thread::sleep_for(FIRST_VALUE_STEP);
+    }
 }

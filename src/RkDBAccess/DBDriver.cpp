@@ -46,7 +46,12 @@ void CDBDriver::SetTagCount(ULONG dwCount)
 
 void CDBDriver::Resolve(const CString& strTag, WORD nPos)
 {
-    m_mapTagToId[strTag] = nPos;
+    const auto [it, bNew] = m_mapTagToId.try_emplace(strTag, nPos);
+    if (!bNew && it->second != nPos) {
+        it->second = nPos;
+        m_strKnownTags.clear(); // it may be the place before
+        m_knownSlots.clear();
+    }
     STag* pTag = SlotAt(nPos);
     if (!pTag || pTag->strTag == strTag)
         return;
@@ -62,16 +67,15 @@ WORD CDBDriver::GetTagId(const char* tagName)
     if (const auto it = m_mapTagToId.find(strTag); it != m_mapTagToId.end())
         return it->second;
     WORD nPos = NO_TAG;
-    if (CDBCore* pCore = m_pDBCore)
-        pCore->GetTagId(m_drvId, tagName, &nPos);
+    if (const CCoreRef core(m_pDBCore); core)
+        core->GetTagId(m_drvId, tagName, &nPos);
     Resolve(strTag, nPos);
     return nPos;
 }
 
-bool CDBDriver::FlushNames(CDBCore* pCore, std::list<CString>& pending, std::vector<char>& request,
-                           TagSlots& reqTags)
+bool CDBDriver::FlushNames(std::list<CString>& pending, std::vector<char>& request, TagSlots& reqTags)
 {
-    const bool bDone = pCore && ReqBatchGetPoss(pending, request.data(), request.size(), reqTags);
+    const bool bDone = ReqBatchGetPoss(pending, request.data(), request.size(), reqTags);
     pending.clear();
     request.assign(1, static_cast<char>(CMD_GET_POS));
     return bDone;
@@ -98,7 +102,6 @@ bool CDBDriver::CheckTagId(const char* tags, TagSlots& reqTags)
 /// What CheckTagId does for a list that is not known as a whole; bAsked: names were new.
 bool CDBDriver::LookUp(const CString& strTags, TagSlots& slots, bool& bAsked)
 {
-    CDBCore* pCore = m_pDBCore;
     std::list<CString> pending;
     std::vector<char> request(1, static_cast<char>(CMD_GET_POS));
     int iStart = 0;
@@ -116,24 +119,24 @@ bool CDBDriver::LookUp(const CString& strTags, TagSlots& slots, bool& bAsked)
         }
         bAsked = true;
         if (request.size() + strTag.size() + LOOKUP_PER_NAME > LOOKUP_SIZE &&
-            !FlushNames(pCore, pending, request, slots))
+            !FlushNames(pending, request, slots))
             return false;
         request.push_back(static_cast<char>(m_drvId & 0xFF));
         request.push_back(static_cast<char>(m_drvId >> 8));
         request.insert(request.end(), strTag.c_str(), strTag.c_str() + strTag.size() + 1);
         pending.push_back(std::move(strTag));
     }
-    return pending.empty() || FlushNames(pCore, pending, request, slots);
+    return pending.empty() || FlushNames(pending, request, slots);
 }
 
 bool CDBDriver::ReqBatchGetPoss(const std::list<CString>& curTags, const char* szSend, ULONG nLen,
                                 TagSlots& reqTags)
 {
-    CDBCore* pCore = m_pDBCore;
+    const CCoreRef core(m_pDBCore);
     std::array<BYTE, LOOKUP_SIZE> reply{};
     const size_t nReply = 1 + REPLY_PER_NAME * curTags.size();
-    if (!pCore || nReply > reply.size() ||
-        !pCore->RequestAll(szSend, static_cast<int>(nLen), static_cast<int>(nReply), reply.data()))
+    if (!core || nReply > reply.size() ||
+        !core->RequestAll(szSend, static_cast<int>(nLen), static_cast<int>(nReply), reply.data()))
         return false;
     CWireReader reader(std::span<const BYTE>(reply).first(nReply));
     if (reader.Get<BYTE>() != CMD_GET_POS)

@@ -60,7 +60,8 @@ public:
         CString strTagUtf8;      // the same for callbacks, converted once
         WORD id = 0;             // position: the index in m_tags
         bool bSubscribe = false; // the server pushes its changes
-        bool bPushed = false;    // a change came in since the running subscription request was sent
+        bool bAwaited = false;   // a subscription request is under way for it
+        bool bPushed = false;    // a change came in since that request was sent
     };
     using TagSlots = std::vector<STag*>; // null entries stand for names without a tag
 
@@ -108,7 +109,7 @@ public:
     /// position. Returns the bytes consumed, NOTIFY_NO_VALUE, or NOTIFY_CUT / NOTIFY_LEAVE of NotifyWalk.h.
     /// Receive thread; pPython is null where no interpreter runs.
     int OnDBNotify(ULONG tagId, std::span<const BYTE> data, CPyThread* pPython);
-    /// True while a subscription awaits the first value of a slot without one, so that a change of it, which
+    /// True while a subscription request is under way for a slot without a value: a change of it, which
     /// carries no type, cannot be decoded yet.
     bool AwaitsFirstValue(ULONG tagId);
 
@@ -121,18 +122,19 @@ private:
     STag* SlotAt(WORD nPos) noexcept { return nPos < m_tags.size() ? &m_tags[nPos] : nullptr; }
     void Resolve(const CString& strTag, WORD nPos);
     bool LookUp(const CString& strTags, TagSlots& slots, bool& bAsked);
-    bool FlushNames(CDBCore* pCore, std::list<CString>& pending, std::vector<char>& request,
-                    TagSlots& reqTags);
+    bool FlushNames(std::list<CString>& pending, std::vector<char>& request, TagSlots& reqTags);
+    class CAwaiting;
     static TagSlots NotSubscribed(const TagSlots& reqTags, size_t nMax);
     XVariant CopyValue(const STag& tag);
-    /// How the blocks of a read ended: Surplus has every value, but more blocks were announced.
+    /// How the blocks of a read ended.
     enum class EBlocks
     {
-        Failed,
-        Complete,
-        Surplus,
+        Broken, // not read to their end
+        Bad,    // read to their end, but not every value could be had
+        Good,
     };
     EBlocks ReadBlocks(CDBCore& core, const TagSlots& wanted);
+    EBlocks StoreBlock(std::span<const BYTE> bytes, const TagSlots& wanted, size_t& nStored);
     bool ReadAdvised(CDBCore& core, const TagSlots& wanted);
     void StoreRead(STag& tag, XVariant&& value);
     void StoreAdvised(STag& tag, XVariant&& value);
@@ -143,7 +145,6 @@ private:
     const CForkMark m_fork;
     std::atomic<int> m_nRefs{0};
     std::atomic<CDBCore*> m_pDBCore;
-    std::atomic<bool> m_bAdvising{false}; // a subscription request is under way
     std::map<CString, WORD> m_mapTagToId; // NO_TAG and positions beyond the table: asked, and no such tag
     // The last list of which every name was in the map, and what it stands for: the map only grows and slots
     // stay where they are, so that holds on. Scripts that poll ask for the same list again and again.
@@ -152,7 +153,7 @@ private:
     CString m_strDriverUtf8;
 
     CThreadLock m_lock;
-    // value and bPushed are guarded by m_lock, the names by the interpreter lock
+    // value, bAwaited and bPushed are guarded by m_lock, the names by the interpreter lock
     std::vector<STag> m_tags;
     std::shared_ptr<CTagCallback> m_tagNotifyFn RK_GUARDED_BY(m_lock);
 };

@@ -48,9 +48,9 @@ void CDBDriver::CallNotify(const STag& tag, const XVariant& value, CTagCallback&
 
 bool CDBDriver::AwaitsFirstValue(ULONG tagId)
 {
-    if (!m_bAdvising || tagId >= m_tags.size())
+    if (tagId >= m_tags.size())
         return false;
     const CThreadGuard guard(m_lock);
-    const auto vt = m_tags[tagId].value.vt;
-    return vt == VT_EMPTY || vt == VT_NULL;
+    const STag& tag = m_tags[tagId];
+    return tag.bAwaited && (tag.value.vt == VT_EMPTY || tag.value.vt == VT_NULL);
 }

@@ -12,8 +12,6 @@
 //   'b'  offset 0: 'b', 1: length (2), 3: values
 #include "DBCore.h"
 #include "DBDriver.h"
-#include "Silence.h"
-#include "ThreadHelp.h"
 
 #include <array>
 #include <bit>
@@ -32,14 +30,21 @@ constexpr BYTE MORE_BLOCKS = 1;
 
 using Block = std::array<BYTE, BLOCK_SIZE>;
 
-/// Reads a block's payload; one that does not fit the buffer has failed.
+/// Reads a block's payload. What does not fit the buffer is thrown away: a longer block has failed, but its
+/// end is known.
 bool ReadPayload(CSyncSocket& sock, Block& block, WORD nLen)
 {
-    return nLen <= block.size() && sock.RecvAll(block.data(), nLen, 0);
+    for (size_t nLeft = nLen; nLeft > 0;) {
+        const size_t nPart = std::min(nLeft, block.size());
+        if (!sock.RecvAll(block.data(), static_cast<int>(nPart), 0))
+            return false;
+        nLeft -= nPart;
+    }
+    return true;
 }
 
-/// Reads the first byte of a block and, only if it is the expected one, the rest of its head: what refuses a
-/// request is a single byte, and no more than that must be awaited.
+/// Reads the head of a block. One that begins with another byte is not awaited whole: how long it is is not
+/// known.
 template <size_t N> bool ReadBlockHead(CSyncSocket& sock, BYTE nCmd, std::array<BYTE, N>& head)
 {
     const int nGot = sock._Recv(head.data(), N, 0);
@@ -171,8 +176,8 @@ bool CDBDriver::_GetTagValue(const char* tags, TagSlots& reqTags)
     const TagSlots wanted = NotSubscribed(reqTags, MAX_READ);
     if (wanted.empty())
         return true;
-    CDBCore* pCore = m_pDBCore;
-    if (!pCore)
+    const CCoreRef core(m_pDBCore);
+    if (!core)
         return false;
     std::array<BYTE, READ_SIZE> request{};
     CWireWriter writer(request);
@@ -182,46 +187,49 @@ bool CDBDriver::_GetTagValue(const char* tags, TagSlots& reqTags)
         writer.Put(m_drvId);
         writer.Put(pTag->id);
     }
-    CExchange exchange(*pCore);
-    if (!pCore->m_reqSock.SendAll(request.data(), static_cast<int>(writer.Length()), 0))
+    CExchange exchange(*core);
+    if (!exchange.IsOpen() || !core->m_reqSock.SendAll(request.data(), static_cast<int>(writer.Length()), 0))
         return false;
-    const auto eRead = ReadBlocks(*pCore, wanted);
-    if (eRead == EBlocks::Complete)
+    const auto eRead = ReadBlocks(*core, wanted);
+    if (eRead != EBlocks::Broken)
         exchange.Succeed();
-    return eRead != EBlocks::Failed;
+    return eRead == EBlocks::Good;
 }
 
+/// Reads block after block as long as more are announced, also behind a bad one and behind the last value:
+/// nothing of the reply may be left for the next request.
 CDBDriver::EBlocks CDBDriver::ReadBlocks(CDBCore& core, const TagSlots& wanted)
 {
     Block block;
     size_t nStored = 0;
-    for (CSilence silence(core.m_reqSock);;) {
+    auto eAll = EBlocks::Good;
+    for (;;) {
         std::array<BYTE, 4> head{};
         if (!ReadBlockHead(core.m_reqSock, CMD_READ_TAGS, head))
-            return EBlocks::Failed;
+            return EBlocks::Broken;
         const auto nLen = static_cast<WORD>(head[2] | head[3] << 8);
         if (!ReadPayload(core.m_reqSock, block, nLen))
-            return EBlocks::Failed;
-        auto left = std::span<const BYTE>(block).first(nLen);
-        if (!left.empty()) {
-            silence.Heard();
-        } else if (silence.TooLong()) {
-            core.m_reqSock.Close(); // as after any time-out: a later request must not find the rest
-            return EBlocks::Failed;
-        }
-        while (!left.empty() && nStored < wanted.size()) {
-            XVariant value;
-            const auto nUsed = value.FromBytes(left, true);
-            if (!nUsed)
-                return EBlocks::Failed;
-            StoreRead(*wanted[nStored++], std::move(value));
-            left = left.subspan(*nUsed);
-        }
+            return EBlocks::Broken;
+        if (nLen > block.size())
+            eAll = EBlocks::Bad;
+        else if (eAll == EBlocks::Good)
+            eAll = StoreBlock(std::span<const BYTE>(block).first(nLen), wanted, nStored);
         if (head[1] != MORE_BLOCKS)
-            return EBlocks::Complete;
-        if (nStored == wanted.size())
-            return EBlocks::Surplus;
+            return eAll;
     }
+}
+
+CDBDriver::EBlocks CDBDriver::StoreBlock(std::span<const BYTE> bytes, const TagSlots& wanted, size_t& nStored)
+{
+    while (!bytes.empty() && nStored < wanted.size()) {
+        XVariant value;
+        const auto nUsed = value.FromBytes(bytes, true);
+        if (!nUsed)
+            return EBlocks::Bad;
+        StoreRead(*wanted[nStored++], std::move(value));
+        bytes = bytes.subspan(*nUsed);
+    }
+    return EBlocks::Good;
 }
 
 PyObject* CDBDriver::GetTagValue(const char* tags)
@@ -248,6 +256,34 @@ PyObject* CDBDriver::GetTagValue(const char* tags)
     return list.release();
 }
 
+/// Marks slots as awaiting their first value for one scope.
+class CDBDriver::CAwaiting
+{
+public:
+    CAwaiting(CDBDriver& driver, const TagSlots& slots) : m_driver(driver), m_slots(slots) { Mark(true); }
+    ~CAwaiting()
+    {
+        // The copy that a fork made may find the lock held by a thread that it does not have.
+        if (!m_driver.IsForked())
+            Mark(false);
+    }
+    CAwaiting(const CAwaiting&) = delete;
+    CAwaiting& operator=(const CAwaiting&) = delete;
+
+private:
+    void Mark(bool bAwaited)
+    {
+        const CThreadGuard guard(m_driver.m_lock);
+        for (STag* pTag : m_slots) {
+            pTag->bAwaited = bAwaited;
+            pTag->bPushed = false;
+        }
+    }
+
+    CDBDriver& m_driver;
+    const TagSlots& m_slots;
+};
+
 bool CDBDriver::_ConnectTag(const char* tags)
 {
     TagSlots reqTags;
@@ -256,26 +292,23 @@ bool CDBDriver::_ConnectTag(const char* tags)
     const TagSlots wanted = NotSubscribed(reqTags, MAX_ADVISE);
     if (wanted.empty())
         return true;
-    CDBCore* pCore = m_pDBCore;
-    if (!pCore)
+    const CCoreRef core(m_pDBCore);
+    if (!core)
         return false;
     std::array<BYTE, ADVISE_SIZE> request{};
     CWireWriter writer(request);
     writer.Put(CMD_ADVISE);
     writer.Put(static_cast<WORD>(wanted.size()));
-    {
-        const CThreadGuard guard(m_lock);
-        for (STag* pTag : wanted) {
-            writer.Put(m_drvId);
-            writer.Put(pTag->id);
-            writer.Put(BYTE{0});
-            pTag->bPushed = false;
-        }
+    for (const STag* pTag : wanted) {
+        writer.Put(m_drvId);
+        writer.Put(pTag->id);
+        writer.Put(BYTE{0});
     }
-    const CFlagScope advising(m_bAdvising);
-    CExchange exchange(*pCore);
-    if (!pCore->m_reqSock.SendAll(request.data(), static_cast<int>(writer.Length()), 0) ||
-        !ReadAdvised(*pCore, wanted))
+    const CAwaiting awaiting(*this, wanted); // to the end of the exchange, which may end the connection
+    CExchange exchange(*core);
+    if (!exchange.IsOpen() ||
+        !core->m_reqSock.SendAll(request.data(), static_cast<int>(writer.Length()), 0) ||
+        !ReadAdvised(*core, wanted))
         return false;
     exchange.Succeed();
     return true;
@@ -291,7 +324,8 @@ bool CDBDriver::ReadAdvised(CDBCore& core, const TagSlots& wanted)
             if (!ReadBlockHead(core.m_reqSock, CMD_ADVISE, head))
                 return false;
             const auto nLen = static_cast<WORD>(head[1] | head[2] << 8);
-            if (!ReadPayload(core.m_reqSock, block, nLen))
+            // A longer block hides how many values it has, and with them how many blocks follow.
+            if (nLen > block.size() || !ReadPayload(core.m_reqSock, block, nLen))
                 return false;
             left = std::span<const BYTE>(block).first(nLen);
         }
@@ -318,14 +352,14 @@ bool CDBDriver::AppendItem(const STag& tag, PyObject* pValue, std::vector<std::v
 
 EWrite CDBDriver::SetTagValue(const char* tags, PyObject* tagValues)
 {
-    CDBCore* pCore = m_pDBCore;
-    if (pCore && !(pCore->m_nRights & CDBCore::WRITE_RIGHT))
+    const CCoreRef core(m_pDBCore);
+    if (core && !(core->m_nRights & CDBCore::WRITE_RIGHT))
         return EWrite::NoRight;
     TagSlots reqTags;
     if (!CheckTagId(tags, reqTags))
         return EWrite::Failed;
     if (reqTags.empty())
-        return pCore && pCore->IsConnected() ? EWrite::Sent : EWrite::Failed;
+        return core && core->IsConnected() ? EWrite::Sent : EWrite::Failed;
     std::vector<std::vector<BYTE>> items;
     if (reqTags.size() == 1) {
         if (!reqTags[0] || !AppendItem(*reqTags[0], tagValues, items))
@@ -342,7 +376,7 @@ EWrite CDBDriver::SetTagValue(const char* tags, PyObject* tagValues)
                 return EWrite::Refused;
         }
     }
-    return pCore ? SendItems(*pCore, items) : EWrite::Failed;
+    return core ? SendItems(*core, items) : EWrite::Failed;
 }
 
 /// Sends the values in as many requests as they need, each complete in itself. Without values one empty
@@ -359,7 +393,7 @@ EWrite CDBDriver::SendItems(CDBCore& core, const std::vector<std::vector<BYTE>>&
         request[2] = static_cast<BYTE>(nCount >> 8);
         CExchange exchange(core);
         const int nLen = static_cast<int>(request.size());
-        if (core.m_reqSock._Send(request.data(), nLen, 0) != nLen)
+        if (!exchange.IsOpen() || core.m_reqSock._Send(request.data(), nLen, 0) != nLen)
             return EWrite::Failed;
         exchange.Succeed();
     } while (nNext < items.size());
@@ -368,14 +402,15 @@ EWrite CDBDriver::SendItems(CDBCore& core, const std::vector<std::vector<BYTE>>&
 
 bool CDBDriver::SetTagNotify(PyObject* pFn)
 {
-    CDBCore* pCore = m_pDBCore;
+    const CCoreRef core(m_pDBCore);
     {
         const CThreadGuard guard(m_lock);
-        if (!pCore || m_tagNotifyFn)
+        if (!core || m_tagNotifyFn)
             return false;
     }
+    // Both calls may run code of the script, which may fork, and which may end or drop the connection.
     auto pKept = std::make_shared<CTagCallback>(pFn, m_tags.size());
-    pCore->KeepCallback(pKept); // may run finalisers of a script, which may fork
+    core->KeepCallback(pKept);
     if (IsForked())
         return false;
     const CThreadGuard guard(m_lock);

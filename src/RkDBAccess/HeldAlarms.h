@@ -26,6 +26,7 @@ public:
         if (m_nRegistrations > 0 && m_alarms.size() < MOST)
             m_alarms.push_back(alarm);
     }
+    size_t Count() const { return m_alarms.size(); }
     /// What has come in since the last time, in its order.
     std::vector<S2RtAlarm2> Take() { return std::exchange(m_alarms, {}); }
 

@@ -1,15 +1,13 @@
 // The bytes of one receive of the notification stream, and what has been walked of them.
 //
-// A receive is not over while it ends inside a notification whose rest is on its way: walked bytes make room
-// and More() reads on. Nothing is kept from one receive for the next.
+// A receive is not over while it ends inside a notification: walked bytes make room and More() awaits the
+// rest. Nothing is kept from one receive for the next.
 #pragma once
 
 #include "SyncSocket.h"
 
 #include <algorithm>
-#include <chrono>
 #include <cstring>
-#include <optional>
 #include <span>
 #include <vector>
 
@@ -17,11 +15,13 @@ class CRecvBuffer
 {
 public:
     static constexpr size_t SIZE = 2048;
-    /// A text that does not fit SIZE is let grow up to here; a longer one cannot be told from garbage.
-    static constexpr size_t MAX_SIZE = 64 * 1024;
-    static constexpr long REST_MS = 1000; // for the rest of a notification: a few retransmissions' time
+    /// Room for one notification with a long text; the end of a longer one is not awaited.
+    static constexpr size_t MAX_SIZE = 32 << 20;
+    /// No notification is longer than this, unless it has a text.
+    static constexpr size_t MAX_FIXED = 64;
 
-    CRecvBuffer() : m_bytes(SIZE) {}
+    /// nRestMs: how long the next bytes of a notification may take that has begun.
+    explicit CRecvBuffer(long nRestMs) : m_nRestMs(nRestMs), m_bytes(SIZE) {}
 
     std::span<const BYTE> Unwalked() const noexcept
     {
@@ -29,44 +29,48 @@ public:
     }
     bool IsWalked() const noexcept { return m_nPos >= m_nEnd; }
     /// nLen may lead beyond the end: that is the end.
-    void Skip(size_t nLen) noexcept
-    {
-        m_nPos = std::min(m_nPos + nLen, m_nEnd);
-        m_restUntil.reset();
-    }
+    void Skip(size_t nLen) noexcept { m_nPos = std::min(m_nPos + nLen, m_nEnd); }
 
     /// Begins a receive: what is left of the last one is dropped. Returns what the socket gave.
-    int Fill(CSyncSocket& sock)
+    int Fill(CSyncSocket& sock, int nFlags = 0)
     {
         m_nPos = m_nEnd = 0;
-        m_restUntil.reset();
-        const int nGot = sock._Recv(m_bytes.data(), static_cast<int>(SIZE), 0);
+        if (m_bytes.size() > SIZE)
+            m_bytes = std::vector<BYTE>(SIZE);
+        const int nGot = sock._Recv(m_bytes.data(), static_cast<int>(SIZE), nFlags);
         m_nEnd = static_cast<size_t>(std::max(nGot, 0));
         return nGot;
     }
 
-    /// Goes on with a receive that ends inside a notification. False when its rest does not come in time.
+    /// Goes on with a receive that ends inside a notification. False when no byte comes in time, or when the
+    /// notification is too long: where the next one begins is not known then.
     bool More(CSyncSocket& sock)
     {
-        using Clock = std::chrono::steady_clock;
-        const auto now = Clock::now();
-        if (!m_restUntil)
-            m_restUntil = now + std::chrono::milliseconds(REST_MS);
-        const auto left = std::chrono::ceil<std::chrono::milliseconds>(*m_restUntil - now).count();
-        if (left <= 0 || !MakeRoom())
-            return false;
-        BYTE* pRest = m_bytes.data() + m_nEnd;
-        const int nRoom = static_cast<int>(m_bytes.size() - m_nEnd);
-        int nGot = sock._Recv(pRest, nRoom, MSG_DONTWAIT);
-        if (nGot < 0)
-            nGot = sock.RecvTimeOut(pRest, nRoom, left);
-        if (nGot <= 0)
-            return false;
-        m_nEnd += static_cast<size_t>(nGot);
-        return true;
+        // What is longer than that and still not whole has a text, which ends with a NUL: it is not looked
+        // through again for each piece.
+        const bool bText = m_nEnd - m_nPos > MAX_FIXED;
+        for (;;) {
+            if (!MakeRoom())
+                return false;
+            const int nGot = Receive(sock);
+            if (nGot <= 0)
+                return false;
+            const auto news = std::span(m_bytes).subspan(m_nEnd, static_cast<size_t>(nGot));
+            m_nEnd += news.size();
+            if (!bText || std::ranges::find(news, BYTE{0}) != news.end())
+                return true;
+        }
     }
 
 private:
+    int Receive(CSyncSocket& sock)
+    {
+        BYTE* pRest = m_bytes.data() + m_nEnd;
+        const int nRoom = static_cast<int>(m_bytes.size() - m_nEnd);
+        const int nGot = sock._Recv(pRest, nRoom, MSG_DONTWAIT);
+        return nGot < 0 ? sock.RecvTimeOut(pRest, nRoom, m_nRestMs) : nGot;
+    }
+
     bool MakeRoom()
     {
         std::memmove(m_bytes.data(), m_bytes.data() + m_nPos, m_nEnd - m_nPos);
@@ -77,8 +81,8 @@ private:
         return m_nEnd < m_bytes.size();
     }
 
+    const long m_nRestMs;
     std::vector<BYTE> m_bytes;
     size_t m_nPos = 0;
     size_t m_nEnd = 0;
-    std::optional<std::chrono::steady_clock::time_point> m_restUntil;
 };

@@ -54,13 +54,28 @@ bool IsCallback(PyObject* pFn)
     return false;
 }
 
+PyObject* NewNone()
+{
+    Py_INCREF(Py_None);
+    return Py_None;
+}
+
+/// A signal handler that raised in the middle of a call has ended it: the exception is the result.
+PyObject* Result(PyObject* pResult)
+{
+    if (!PyErr_Occurred())
+        return pResult;
+    Py_XDECREF(pResult);
+    return nullptr;
+}
+
 PyObject* DrvSetTagNotify(PyObject* pSelf, PyObject* pArgs)
 {
     PyObject* pFn = nullptr;
     if (!PyArg_ParseTuple(pArgs, "O:set_callback", &pFn) || !IsCallback(pFn))
         return nullptr;
     _DrvSetTagNotify(DriverOf(pSelf), pFn);
-    Py_RETURN_NONE;
+    return Result(NewNone());
 }
 
 PyObject* DrvConnectTag(PyObject* pSelf, PyObject* pArgs)
@@ -68,7 +83,8 @@ PyObject* DrvConnectTag(PyObject* pSelf, PyObject* pArgs)
     const char* szTags = nullptr;
     if (!PyArg_ParseTuple(pArgs, "s", &szTags))
         return nullptr;
-    return PyLong_FromLong(_DrvConnectTag(DriverOf(pSelf), szTags));
+    const int nResult = _DrvConnectTag(DriverOf(pSelf), szTags);
+    return Result(PyLong_FromLong(nResult));
 }
 
 PyObject* DrvGetTagValue(PyObject* pSelf, PyObject* pArgs)
@@ -76,7 +92,7 @@ PyObject* DrvGetTagValue(PyObject* pSelf, PyObject* pArgs)
     const char* szTags = nullptr;
     if (!PyArg_ParseTuple(pArgs, "s", &szTags))
         return nullptr;
-    return _DrvGetTagValue(DriverOf(pSelf), szTags);
+    return Result(_DrvGetTagValue(DriverOf(pSelf), szTags));
 }
 
 PyObject* DrvSetTagValue(PyObject* pSelf, PyObject* pArgs)
@@ -85,7 +101,8 @@ PyObject* DrvSetTagValue(PyObject* pSelf, PyObject* pArgs)
     PyObject* pValue = nullptr;
     if (!PyArg_ParseTuple(pArgs, "sO", &szTags, &pValue))
         return nullptr;
-    return PyLong_FromLong(_DrvSetTagValue(DriverOf(pSelf), szTags, pValue));
+    const int nResult = _DrvSetTagValue(DriverOf(pSelf), szTags, pValue);
+    return Result(PyLong_FromLong(nResult));
 }
 
 PyMethodDef g_driverMethods[] = {
@@ -117,7 +134,8 @@ PyObject* DBConnect(PyObject* pSelf, PyObject* pArgs)
     const char* szPassword = nullptr;
     if (!PyArg_ParseTuple(pArgs, "sss", &szHost, &szUser, &szPassword))
         return nullptr;
-    return PyLong_FromLong(_DBConnect(CoreOf(pSelf), szHost, szUser, szPassword));
+    const int nResult = _DBConnect(CoreOf(pSelf), szHost, szUser, szPassword);
+    return Result(PyLong_FromLong(nResult));
 }
 
 PyObject* DBGetDriver(PyObject* pSelf, PyObject* pArgs)
@@ -143,7 +161,7 @@ PyObject* DBSetRtAlarmNotify(PyObject* pSelf, PyObject* pArgs)
     if (!PyArg_ParseTuple(pArgs, "Oi:set_callback", &pFn, &nNotifyExisting) || !IsCallback(pFn))
         return nullptr;
     _DBSetRtAlarmNotify(CoreOf(pSelf), pFn, nNotifyExisting);
-    Py_RETURN_NONE;
+    return Result(NewNone());
 }
 
 PyMethodDef g_coreMethods[] = {

@@ -2,25 +2,69 @@
 #include "rkdb.h"
 
 #include "DBCore.h"
+#include "WaitHook.h"
 
 #include <chrono>
 #include <exception>
 #include <thread>
+#include <utility>
 
 namespace {
 
+constexpr auto YIELD_STEP = std::chrono::milliseconds(1);
 constexpr auto EXIT_STEP = std::chrono::milliseconds(1);
 constexpr int EXIT_STEPS = 2000;
 
 /// The object itself where it can be used: not null, and not the copy of a live one that a fork made.
-template <class T> T* Usable(T* p) noexcept
+CDBDriver* Usable(CDBDriver* p) noexcept
 {
     return p && !p->IsForked() ? p : nullptr;
 }
 
+/// Nor one that a Connect is running on: a signal handler runs in the middle of it.
+CDBCore* Usable(CDBCore* p) noexcept
+{
+    return p && !p->IsForked() && !p->IsConnecting() ? p : nullptr;
+}
+
+/// The waits of one call of a script. As in the interpreter's own socket calls the script's signal handlers
+/// run meanwhile, in its main thread, and an exception of theirs ends the call; a handler that forks ends the
+/// child's copy of the call, whose connection is the parent's.
+class CScriptCall
+{
+public:
+    CScriptCall() noexcept : m_scope({GoOn, Yield}), m_pBefore(std::exchange(Current(), this)) {}
+    ~CScriptCall() { Current() = m_pBefore; }
+    CScriptCall(const CScriptCall&) = delete;
+    CScriptCall& operator=(const CScriptCall&) = delete;
+
+private:
+    static CScriptCall*& Current() noexcept
+    {
+        static thread_local CScriptCall* pCall = nullptr;
+        return pCall;
+    }
+    static bool GoOn()
+    {
+        const bool bQuiet = WhilePythonLives([] { return PyErr_CheckSignals(); }) == 0;
+        return bQuiet && !Current()->m_fork.IsForked();
+    }
+    static void Yield()
+    {
+        PyThreadState* pState = PyEval_SaveThread();
+        std::this_thread::sleep_for(YIELD_STEP);
+        WhilePythonLives([pState] { PyEval_RestoreThread(pState); });
+    }
+
+    const CForkMark m_fork;
+    const CWaitHookScope m_scope;
+    CScriptCall* const m_pBefore;
+};
+
 /// Calls the core; what it throws (no memory) becomes the operation's own failure.
 template <class TResult, class F> TResult Guarded(TResult failed, F&& fn) noexcept
 {
+    const CScriptCall call;
     try {
         return fn();
     } catch (const std::exception&) {
@@ -57,6 +101,7 @@ void _DBSetRtAlarmNotify(CDBCore* pDB, PyObject* fn, int notifyExisting)
 
 PyObject* _DrvGetTagValue(CDBDriver* pDrv, const char* szTags)
 {
+    const CScriptCall call;
     try {
         if (Usable(pDrv))
             return pDrv->GetTagValue(CUTF82T(szTags).c_str());
@@ -90,9 +135,11 @@ void _DBCoreDelete(CDBCore* pDB)
         pDB->AbandonForked();
         return;
     }
-    // A core that its receive thread may still touch is worth less than a process that goes on.
+    // Leak the core if its receive thread may still use it: a leak is better than a use after free. One that
+    // is in the middle of a call, which a signal handler of the script has interrupted, goes at that call's
+    // end.
     if (pDB && Guarded(false, [&] { return pDB->_Disconnect(); }))
-        delete pDB;
+        pDB->Release();
 }
 
 void DrvAddRef(CDBDriver* pDrv)

@@ -1,10 +1,8 @@
-// What threads tell each other with: an event with a timed wait, a flag for a scope; signals, and the start
-// of a detached thread.
+// What threads tell each other with: an event with a timed wait; signals, and the start of a detached thread.
 #pragma once
 
 #include "wintypes.h"
 
-#include <atomic>
 #include <csignal>
 #include <ctime>
 #include <semaphore.h>
@@ -35,19 +33,6 @@ public:
 private:
     sem_t m_sem{};
     bool m_bCreate = false;
-};
-
-/// Raises a flag for one scope, for other threads to see.
-class CFlagScope
-{
-public:
-    explicit CFlagScope(std::atomic<bool>& bFlag) noexcept : m_bFlag(bFlag) { m_bFlag = true; }
-    ~CFlagScope() { m_bFlag = false; }
-    CFlagScope(const CFlagScope&) = delete;
-    CFlagScope& operator=(const CFlagScope&) = delete;
-
-private:
-    std::atomic<bool>& m_bFlag;
 };
 
 /// The signals that a thread blocks.

@@ -9,6 +9,7 @@ from collections.abc import Iterator
 from contextlib import contextmanager, suppress
 from pathlib import Path
 
+import pytest
 from dialogue import PASSWORD, USER
 from peer import Peer
 
@@ -59,6 +60,14 @@ class Session:
         self.core = connect(peer.host)
         self.boiler = self.core.GetDriver("Boiler")
         self.station = self.core.GetDriver("泵站")
+
+
+def has_ended(session: Session) -> None:
+    """Both connections have ended, the client knows it, and the server has seen it and nothing else."""
+    session.peer.finish()
+    assert session.boiler.GetTagValue("a name that was never asked for") is None
+    with pytest.raises(SystemError):
+        session.core.GetDriver("Boiler")
 
 
 def sockets_to(address: tuple[str, int]) -> list[int]:

@@ -18,7 +18,7 @@ import dialogue as d
 import live_wire as w
 import pytest
 import wire
-from client import Session, connect, read
+from client import Session, connect, has_ended, read
 from conftest import Play, Serve, mirror, passes_alone, settles
 from live_script import SLOWER
 from live_wire import TAGS, TEXTS, Alarm, alarm_notification, alarm_reply, list_file, push, registering_alarms
@@ -370,23 +370,19 @@ def test_a_callback_must_be_callable(serve: Serve) -> None:
     assert len(register(session, 1)) == 3  # none of them was registered
 
 
-def failed(serve: Serve, *said: d.Steps, again: bool = True) -> None:
-    """A registration answered like this fails in silence and leaves nothing; the next one starts afresh."""
-    after = [GOES_ON, registering_alarms(ACTIVE)] if again else []
-    session = serve(d.want("req", b"n"), *said, *after)
+def failed(serve: Serve, *said: d.Steps) -> None:
+    """A registration answered like this fails in silence and ends the connection."""
+    session = serve(d.want("req", b"n"), *said)
     started = time.monotonic()
     assert register(session, 1) == []
     assert time.monotonic() - started < 6  # not the time-out
-    if again:
-        still_works(session)
-        assert [call[7] for call in register(session, 1)] == [3.0, 2.0, 1.0]
-    else:
-        assert register(session, 1) == []
+    assert register(session, 1) == []
+    has_ended(session)
 
 
 @pytest.mark.parametrize("command", [b"0", b"N", b"b", b"\0"])
 def test_a_reply_with_another_first_byte_fails(serve: Serve, command: bytes) -> None:
-    failed(serve, d.send("req", alarm_reply(ACTIVE, command=command)) + d.pause(0.05))
+    failed(serve, d.send("req", alarm_reply(ACTIVE, command=command)))
 
 
 def test_a_refusal_of_one_byte_fails_at_once(serve: Serve) -> None:
@@ -398,21 +394,19 @@ def test_a_refusal_of_one_byte_fails_at_once(serve: Serve) -> None:
 def test_a_reply_that_ends_early_fails(serve: Serve, got: int, end: d.Steps) -> None:
     sent = alarm_reply(ACTIVE)[:got]
     ended = end + (d.drain("req") if end[0][0] == "end_sending" else [])
-    failed(serve, (d.send("req", sent) if sent else []) + ended, again=False)
+    failed(serve, (d.send("req", sent) if sent else []) + ended)
 
 
-def test_a_failed_registration_leaves_alarms_to_nobody(serve: Serve) -> None:
+def test_a_failed_registration_leaves_alarms_to_nobody(serve: Serve, project: str) -> None:
+    again = d.up_to_directory(project, wire.directory(d.DRIVERS))  # the copy in the mirror is current by then
     session = serve(
-        w.subscribing(["A"], [5], [wire.typed(wire.VT_I4, 0)]),
-        d.want("req", b"n") + d.send("req", b"0"),
-        d.wait("refused") + push(alarm_notification(FULL), w.change(5, wire.VT_I4, 1)),
-        registering_alarms(),
+        d.want("req", b"n") + push(alarm_notification(FULL)) + d.pause(0.05) + d.send("req", b"0"),
+        d.want_eof("req", "rcv"),
+        again + registering_alarms(),
         d.wait("registered") + push(alarm_notification(FULL.numbered(2))),
     )
-    assert session.boiler.ConnectTag("A") == 1
     refused = register(session)
-    session.peer.go("refused")
-    assert settles(lambda: read(session.boiler, "A") == 1)  # so the alarm before it has passed
+    assert session.core.Connect(session.peer.host, d.USER, d.PASSWORD) == 0
     calls = register(session)
     session.peer.go("registered")
     assert settles(lambda: len(calls) == 1)
@@ -429,12 +423,7 @@ def test_without_a_connection_nothing_is_registered(serve: Serve) -> None:
 
 def test_surplus_behind_the_records_is_no_list(serve: Serve) -> None:
     surplus = wire.download_reply(list_file(["false"] * 3), w.FILE_TIME)
-    session = serve(
-        d.want("req", b"n") + d.send("req", alarm_reply([FULL]) + surplus) + w.fetching_lists(),
-        GOES_ON,
-    )
-    assert register(session, 1)[0][2:6] == ("一号泵", 1, "high", "group A")
-    still_works(session)
+    failed(serve, d.send("req", alarm_reply([FULL]) + surplus))
 
 
 def test_lists_are_loaded_once_and_a_registration_survives_a_loss(serve: Serve, project: str) -> None:
@@ -500,16 +489,16 @@ def test_a_list_that_the_server_lacks_gives_question_marks(serve: Serve, missing
     assert calls[1][2:6] == wanted
 
 
-def test_lists_that_cannot_be_fetched_leave_a_registration_without_texts(serve: Serve) -> None:
+def test_a_connection_that_ends_while_its_lists_are_fetched_registers_nobody(serve: Serve, project: str) -> None:
+    again = d.up_to_directory(project, wire.directory(d.DRIVERS))  # the copy in the mirror is current by then
     session = serve(
         d.want("req", b"n") + d.send("req", alarm_reply([FULL])),
-        d.want("req", wire.download_request(w.TEXT_LIST)) + d.end_sending("req"),
-        d.wait("registered") + push(alarm_notification(FULL)) + d.drain("req"),
+        d.want("req", wire.download_request(w.TEXT_LIST)) + d.end_sending("req") + d.want_eof("req", "rcv"),
+        again + registering_alarms([FULL]),
     )
-    calls = register(session, 1)
-    session.peer.go("registered")
-    assert settles(lambda: len(calls) == 2)
-    assert [call[2:6] for call in calls] == [("???", 1, "???", "???")] * 2
+    assert register(session, 1) == []
+    assert session.core.Connect(session.peer.host, d.USER, d.PASSWORD) == 0
+    assert [call[2:6] for call in register(session, 1)] == [("一号泵", 1, "high", "group A")]
 
 
 def test_lists_come_with_flow_control_too(serve: Serve) -> None:

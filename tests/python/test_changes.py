@@ -20,7 +20,7 @@ import dialogue as d
 import live_wire as w
 import pytest
 import wire
-from client import Session, connect, read
+from client import Session, connect, has_ended, read
 from conftest import Play, Serve, settles
 from live_wire import Alarm, change, push
 
@@ -464,13 +464,27 @@ def test_a_rest_that_is_late_is_waited_for(serve: Serve) -> None:
     arrived(changes, [("Boiler", "T1", "late text"), ("Boiler", "T0", 1)])
 
 
+LONG = b"never finished" * 500
+# Each can be told by its beginning from the others; and what a script is told of it.
+NOTES = [
+    change(0, I4, 666),
+    change(1, STR, b"never finished"),
+    change(1, STR, LONG),
+    fixed(1),
+    of_tag(16, b"never finished\0"),
+]
+TOLD: dict[bytes, list[tuple[str, str, object]]] = {
+    NOTES[0]: [("Boiler", "T0", 666)],
+    NOTES[1]: [("Boiler", "T1", "never finished")],
+    NOTES[2]: [("Boiler", "T1", LONG.decode())],
+}
 CUT = {
     "a word": change(0, I4, 666)[:1],
     "an address": change(0, I4, 666)[:3],
     "no payload": change(0, I4, 666)[:4],
     "half a number": change(0, I4, 666)[:6],
     "a text": change(1, STR, b"never finished")[:-1],
-    "a text longer than a receive": change(1, STR, b"never finished" * 500)[:-1],
+    "a text longer than a receive": change(1, STR, LONG)[:-1],
     "an alarm": fixed(1)[:20],
     "a system word": fixed(1)[:2],
     "a system text": of_tag(16, b"never finished"),
@@ -478,17 +492,20 @@ CUT = {
 
 
 @pytest.mark.parametrize("cut", CUT.values(), ids=CUT)
-def test_a_rest_that_never_comes_is_given_up(serve: Serve, cut: bytes) -> None:
-    # What comes after a second and a half is no rest any more: it is read from its first byte.
-    session, changes = watched(
-        serve,
-        push(change(0, I4, 1), cut) + d.wait("one arrived") + d.pause(1.5),
-        push(change(0, I4, 2), change(1, STR, b"after")),
-    )
+def test_a_rest_that_never_comes_ends_the_connection(serve: Serve, cut: bytes) -> None:
+    # What comes after the time-out is no rest any more, and where it would begin is not known.
+    session, changes = watched(serve, push(change(0, I4, 1), cut) + d.want_eof("req"))
     arrived(changes, [("Boiler", "T0", 1)])
+    has_ended(session)
+    assert changes == [("Boiler", "T0", 1)]
     assert read(session.boiler, "T0,T1") == [1, ""]
-    session.peer.go("one arrived")
-    arrived(changes, [("Boiler", "T0", 1), ("Boiler", "T0", 2), ("Boiler", "T1", "after")])
+
+
+@pytest.mark.parametrize("cut", CUT.values(), ids=CUT)
+def test_a_pause_of_retransmissions_inside_a_notification_changes_nothing(serve: Serve, cut: bytes) -> None:
+    whole = {note[: len(cut)]: note for note in NOTES}[cut]
+    _, changes = watched(serve, push(cut) + d.pause(1.6) + push(whole[len(cut) :], change(0, I4, 2)))
+    arrived(changes, [*TOLD.get(whole, []), ("Boiler", "T0", 2)])
 
 
 def test_dropping_a_client_inside_a_cut_notification_is_quick(serve: Serve) -> None:

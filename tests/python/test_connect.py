@@ -158,11 +158,29 @@ def test_a_login_reply_decides_the_result(play: Play, project: str, reply: bytes
     assert connects_to(play, steps) == result
 
 
-@pytest.mark.parametrize("reply", [b"9", b"9abcd", wire.login_reply(0xFFFFFFFF), wire.login_reply() + bytes(247)])
+@pytest.mark.parametrize("reply", [wire.login_reply(0xFFFFFFFF), wire.login_reply() + bytes(247)])
 def test_a_login_reply_is_accepted_by_its_first_byte(play: Play, project: str, reply: bytes) -> None:
     body = wire.directory(d.DRIVERS)
     steps = d.up_to_login(project, size=len(body)) + d.logging_in(reply=reply) + d.fetching(wire.download_reply(body))
     assert connects_to(play, steps) == CONNECTED
+
+
+@pytest.mark.parametrize("got", range(1, 9))
+def test_a_login_reply_is_read_whole(play: Play, project: str, got: int) -> None:
+    reply = wire.login_reply(0x08)
+    steps = d.up_to_login(project) + d.logging_in(reply=reply[:got]) + d.pause(0.1)
+    body = wire.directory(d.DRIVERS)
+    late = d.send("req", reply[got:]) + d.fetching(wire.download_reply(body), wire.download_request())
+    written = d.looking_up(["A"], [5]) + d.want("req", b"g\x01\x00\0\0\x05\0\x03\0\x01\0\0\0")
+    core = connect(play(steps + late + written).host)
+    assert core.GetDriver("Boiler").SetTagValue("A", 1) == 0  # so the rights of the reply are known
+
+
+@pytest.mark.parametrize("got", range(1, 9))
+def test_a_login_reply_that_ends_early_fails_the_connection(play: Play, project: str, got: int) -> None:
+    reply = wire.login_reply(0xFF)[:got]
+    steps = d.up_to_login(project) + d.logging_in(reply=reply) + d.end_sending("req") + d.want_eof("req", "rcv")
+    assert connects_to(play, steps) == FAILED
 
 
 def test_a_server_that_closes_instead_of_a_login_reply_fails_the_connection(play: Play, project: str) -> None:

@@ -70,7 +70,7 @@ def test_a_centre_that_does_not_open_fails_the_connection(play: Play, own_addres
     peer.finish()
 
 
-@pytest.mark.parametrize("reply", [b"7", b"7lan", b"7lan" + bytes(5), b"7lax" + bytes(6), b"7" + bytes(20)])
+@pytest.mark.parametrize("reply", [b"7", b"7lax" + bytes(6), b"7" + bytes(20)])
 def test_an_open_reply_that_is_no_redirect_goes_on_at_the_centre(
     play: Play, own_address: str, project: str, reply: bytes
 ) -> None:
@@ -79,6 +79,15 @@ def test_an_open_reply_that_is_no_redirect_goes_on_at_the_centre(
     play(steps + d.logging_in() + d.fetching(wire.download_reply(body)), {"server": (own_address, CENTRE)})
     host = f"p2p({own_address}):name"
     connect(host)
+
+
+@pytest.mark.parametrize("reply", [b"7L", b"7lan", b"7lan" + bytes(5)])
+def test_a_redirect_that_ends_early_fails_the_connection(play: Play, own_address: str, reply: bytes) -> None:
+    steps = d.opening(reply, b"name") + d.end_sending("req") + d.want_eof("req")
+    peer = play(steps, {"server": (own_address, CENTRE)})
+    core = DBCore()
+    assert core.Connect(f"p2p({own_address}):name", d.USER, d.PASSWORD) == FAILED
+    peer.finish()
 
 
 def test_a_direct_address_with_the_relay_port_is_asked_like_a_centre(

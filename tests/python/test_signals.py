@@ -1,4 +1,4 @@
-"""Signals that the script handles: they neither fail a request nor end the connection."""
+"""Signals that the script handles: handlers run during a call's waits, and one that raises ends the call."""
 
 from __future__ import annotations
 
@@ -7,18 +7,21 @@ import select
 import signal
 import subprocess
 import sys
+import threading
 import time
-from collections.abc import Iterator
+from collections.abc import Callable, Iterator
 from contextlib import contextmanager
 from pathlib import Path
-from types import FrameType
 
 import dialogue as d
+import live_wire as w
 import pytest
 import wire
-from client import connect, read
+from client import FAILED, connect, has_ended, read
 from conftest import Play, Serve, live_threads, settles
 from dialogue import Steps
+
+from RkDBAccess import DBCore
 
 SHOOTER = """
 import os, sys, time
@@ -96,23 +99,173 @@ def test_a_whole_session_under_fire_goes_as_in_peace(play: Play, project: str, n
     assert len(hits) > 20
 
 
-def test_a_handler_that_raises_is_heard_after_the_call_and_harms_nothing(serve: Serve) -> None:
-    class Alarm(Exception):
-        pass
+class Ring(Exception):
+    pass
 
-    def ring(_number: int, _frame: FrameType | None) -> None:
-        raise Alarm
 
-    rung = d.want("req", wire.read_request([(d.BOILER, 5)])) + d.signal_client(signal.SIGALRM) + d.pause(0.05)
-    reply = d.send("req", wire.read_block([wire.typed(wire.VT_I4, 7)]))
-    session = serve(d.looking_up(["A"], [5]) + rung + reply, d.reading_numbers([5], [8]))
-    before = signal.signal(signal.SIGALRM, ring)
+def rings(*_: object) -> None:
+    raise Ring
+
+
+@contextmanager
+def on_alarm(handler: Callable[..., object]) -> Iterator[None]:
+    before = signal.signal(signal.SIGALRM, handler)
     try:
-        with pytest.raises(Alarm):
-            read(session.boiler, "A")
+        yield
     finally:
         signal.signal(signal.SIGALRM, before)
-    assert read(session.boiler, "A") == 8
+
+
+A_ASKED = d.looking_up(["A"], [5]) + d.want("req", wire.read_request([(d.BOILER, 5)]))
+RUNG = d.tell("rings") + d.signal_client(signal.SIGALRM)
+A_IS_7 = d.send("req", wire.read_block([wire.typed(wire.VT_I4, 7)]))
+
+
+def test_a_handler_that_raises_ends_the_call_and_the_connection(serve: Serve) -> None:
+    session = serve(A_ASKED + RUNG)
+    with on_alarm(rings), pytest.raises(Ring):
+        read(session.boiler, "A")
+    assert time.monotonic() - session.peer.until("rings") < 2  # it takes 0.2 s; the time-out would take 8
+    has_ended(session)
+
+
+def test_a_handler_that_returns_runs_during_the_call_and_the_call_goes_on(serve: Serve) -> None:
+    session = serve(A_ASKED + RUNG + d.wait("heard") + A_IS_7)
+    with on_alarm(lambda *_: session.peer.go("heard")):
+        assert read(session.boiler, "A") == 7
+
+
+def test_a_handler_in_the_middle_of_a_request_cannot_make_another(serve: Serve) -> None:
+    session = serve(A_ASKED + RUNG + d.wait("heard") + A_IS_7, d.looking_up(["B"], [6]) + d.reading_numbers([6], [8]))
+    got: list[object] = []
+
+    def ask(*_: object) -> None:
+        got.append(read(session.boiler, "B"))
+        got.append(session.boiler.ConnectTag("B"))
+        got.append(session.core.Connect(session.peer.host, d.USER, d.PASSWORD))
+        session.peer.go("heard")
+
+    with on_alarm(ask):
+        assert read(session.boiler, "A") == 7
+    assert got == [None, 0, FAILED]
+    assert read(session.boiler, "B") == 8
+
+
+def test_a_handler_may_drop_the_client_in_the_middle_of_a_request(serve: Serve) -> None:
+    session = serve(A_ASKED + RUNG)
+    boiler = session.boiler
+
+    def drop(*_: object) -> None:
+        del session.core
+
+    with on_alarm(drop):
+        assert read(boiler, "A") is None
+    session.peer.finish()
+
+
+def test_a_handler_may_drop_the_client_while_it_connects(play: Play, project: str) -> None:
+    peer = play(d.up_to_login(project) + d.logging_in(reply=b"") + RUNG + d.want_eof("req", "rcv"))
+    clients = [DBCore()]
+
+    def drop(*_: object) -> None:
+        core = clients.pop()
+        assert core.Connect(peer.host, d.USER, d.PASSWORD) == FAILED
+        core.SetRtAlarmNotify(print, 0)
+        del core
+        raise Ring
+
+    with on_alarm(drop), pytest.raises(Ring):
+        clients[0].Connect(peer.host, d.USER, d.PASSWORD)
+
+
+def test_another_thread_of_the_script_waits_for_a_request_under_way(serve: Serve) -> None:
+    session = serve(
+        A_ASKED + RUNG + d.wait("heard") + d.pause(0.1) + A_IS_7, d.looking_up(["B"], [6]) + d.reading_numbers([6], [8])
+    )
+    got: list[object] = []
+    other = threading.Thread(target=lambda: got.append(read(session.boiler, "B")))
+
+    def start(*_: object) -> None:
+        other.start()
+        time.sleep(0.2)  # it runs meanwhile, and its request has to wait
+        got.append("other started")
+        session.peer.go("heard")
+
+    with on_alarm(start):
+        got.append(read(session.boiler, "A"))
+    other.join()
+    assert got[0] == "other started"
+    assert sorted(got[1:], key=str) == [7, 8]
+
+
+def test_a_child_that_a_handler_forks_leaves_the_request_to_its_parent(serve: Serve) -> None:
+    session = serve(A_ASKED + RUNG + d.wait("forked") + A_IS_7, w.SILENT)
+    children: list[int] = []
+
+    def fork(*_: object) -> None:
+        child = os.fork()
+        if child:
+            children.append(child)
+            session.peer.go("forked")
+
+    parent = os.getpid()
+    with on_alarm(fork):
+        value = read(session.boiler, "A")
+        if os.getpid() != parent:
+            os._exit(0 if value is None else 1)  # the child's copy of the call has failed
+    assert os.waitpid(children[0], 0)[1] == 0
+    assert value == 7
+    session.peer.until("silent")
+
+
+WAITS = {
+    "open": d.accept("req") + d.want_open() + RUNG + d.want_eof("req"),
+    "register": d.opening() + d.accept("rcv") + d.want_register() + RUNG + d.want_eof("req", "rcv"),
+    "login": d.up_to_login("p") + d.logging_in(reply=b"") + RUNG + d.want_eof("req", "rcv"),
+    "header": d.up_to_login("p", size=100) + d.logging_in() + d.fetching(b"Si") + RUNG + d.want_eof("req", "rcv"),
+    "body": d.up_to_login("p", size=100)
+    + d.logging_in()
+    + d.fetching(wire.download_reply(bytes(100))[:-50])
+    + RUNG
+    + d.want_eof("req", "rcv"),
+}
+
+
+@pytest.mark.parametrize("steps", WAITS.values(), ids=WAITS)
+def test_every_wait_of_connect_is_ended_by_a_handler_that_raises(play: Play, steps: d.Steps) -> None:
+    peer = play(steps)
+    core = DBCore()
+    with on_alarm(rings), pytest.raises(Ring):
+        core.Connect(peer.host, d.USER, d.PASSWORD)
+    assert time.monotonic() - peer.until("rings") < 2
+    peer.finish()
+
+
+@pytest.mark.parametrize("call", ["ConnectTag", "SetTagValue", "SetRtAlarmNotify"])
+def test_every_wait_of_a_request_is_ended_by_a_handler_that_raises(serve: Serve, call: str) -> None:
+    asked = d.want("req", b"n") if call == "SetRtAlarmNotify" else d.want("req", wire.lookup_request(0, ["A"]))
+    session = serve(asked + RUNG, rights=8)
+    calls: dict[str, Callable[[], object]] = {
+        "ConnectTag": lambda: session.boiler.ConnectTag("A"),
+        "SetTagValue": lambda: session.boiler.SetTagValue("A", 1),
+        "SetRtAlarmNotify": lambda: session.core.SetRtAlarmNotify(print, 0),
+    }
+    with on_alarm(rings), pytest.raises(Ring):
+        calls[call]()
+    assert time.monotonic() - session.peer.until("rings") < 2
+    has_ended(session)
+
+
+def test_ctrl_c_ends_a_wait_in_the_main_thread(serve: Serve) -> None:
+    session = serve(A_ASKED + d.tell("rings") + d.signal_client(signal.SIGINT))
+    with_default = signal.signal(signal.SIGINT, signal.default_int_handler)
+    try:
+        with pytest.raises(KeyboardInterrupt):
+            read(session.boiler, "A")
+    finally:
+        signal.signal(signal.SIGINT, with_default)
+    assert time.monotonic() - session.peer.until("rings") < 2
+    has_ended(session)
 
 
 def test_the_receive_thread_takes_no_signals(serve: Serve) -> None:

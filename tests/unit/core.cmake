@@ -9,7 +9,7 @@ target_compile_definitions(core_fixture PUBLIC RKDB_MIRROR_ROOT="${RKDB_MIRROR_R
 add_executable(unit_core
   test_dbcore.cpp test_dbcore_alarm.cpp test_dbcore_recv.cpp
   test_dbdriver_names.cpp test_dbdriver_notify.cpp test_dbdriver_values.cpp test_dbdriver_write.cpp
-  test_pyglue.cpp test_recvbuffer.cpp test_recvlink.cpp test_storm.cpp)
+  test_disturbed.cpp test_pyglue.cpp test_recvbuffer.cpp test_recvlink.cpp test_storm.cpp)
 target_link_libraries(unit_core PRIVATE core_fixture)
 gtest_discover_tests(unit_core DISCOVERY_TIMEOUT 60 PROPERTIES TIMEOUT 60)
 

@@ -229,6 +229,11 @@ bool CFarEnd::IsSilent() const
     return ::recv(m_fd, &n, 1, MSG_PEEK | MSG_DONTWAIT) <= 0;
 }
 
+void CFarEnd::EndSending()
+{
+    ::shutdown(m_fd, SHUT_WR);
+}
+
 void CFarEnd::Close()
 {
     if (m_fd >= 0)
@@ -353,6 +358,15 @@ void CDBCoreTest::DeleteCore()
     _DBCoreDelete(std::exchange(m_pCore, nullptr));
 }
 
+void CDBCoreTest::ExpectEnded()
+{
+    EXPECT_FALSE(Core().IsConnected());
+    EXPECT_EQ(Core().m_reqSock.GetHandle(), -1);
+    EXPECT_EQ(Core().m_rcvSock.GetHandle(), -1);
+    EXPECT_EQ(CountDirectory(), 0U);
+    m_rcv.WantEnd();
+}
+
 void CDBCoreTest::Attach(long nTimeOut)
 {
     m_req = CFarEnd::Meet(Core().m_reqSock);
@@ -401,6 +415,12 @@ size_t CDBCoreTest::CountRetired()
     return Core().m_retired.size();
 }
 
+size_t CDBCoreTest::CountHeld()
+{
+    const CThreadGuard guard(Core().m_lock);
+    return Core().m_held.Count();
+}
+
 bool CDBCoreTest::HasAlarmReceiver()
 {
     const CThreadGuard guard(Core().m_lock);
@@ -439,12 +459,12 @@ bool CDBCoreTest::Walk(CRecvBuffer& buffer)
 {
     CRecvLink link;
     CPyThread python(link);
-    return Core().WalkReceive(buffer, python);
+    return Core().WalkReceive(buffer, python) == CDBCore::EWalk::Walked;
 }
 
 bool CDBCoreTest::WalkOnce()
 {
-    CRecvBuffer buffer;
+    CRecvBuffer buffer(REST_MS);
     EXPECT_GT(buffer.Fill(Core().m_rcvSock), 0);
     return Walk(buffer);
 }

@@ -110,6 +110,8 @@ public:
     void WantEnd();
     /// True when nothing has come in that no Want() has taken.
     bool IsSilent() const;
+    /// The other side sees the end of the stream, and this one still what comes.
+    void EndSending();
     void Close();
 
 private:
@@ -213,6 +215,14 @@ protected:
 
     CDBCore& Core() { return *m_pCore; }
     void DeleteCore();
+    /// A fresh core and fresh far ends for the next row of a test.
+    void Renew()
+    {
+        TearDown();
+        SetUp();
+    }
+    /// Both connections have ended and no driver is left, as after any loss.
+    void ExpectEnded();
 
     /// Connects both sockets to m_req and m_rcv.
     void Attach(long nTimeOut = 5000);
@@ -225,6 +235,8 @@ protected:
     size_t CountDirectory();
     size_t CountRetired();
     bool HasAlarmReceiver();
+    /// Alarms kept for a registration that is under way.
+    size_t CountHeld();
     /// As after a login: rights are known and requests are allowed, but no thread runs.
     void SetConnected(DWORD nRights = CDBCore::WRITE_RIGHT);
     /// Starts the receive thread.
@@ -232,8 +244,9 @@ protected:
     EConnect Login(LPCSTR szUser, LPCSTR szPassword, DWORD& nRights);
     /// Keeps a receiver of alarms as a registration would, with these lists.
     void SetAlarmReceiver(PyObject* pFn, const CStringList& texts, const CStringList& tags);
-    /// Walks what a receive has given, as the receive thread would, but on this one. False: the core was let
-    /// go meanwhile.
+    /// How long the rest of a notification may take in walks of tests.
+    static constexpr long REST_MS = 500;
+    /// Walks what a receive has given, as the receive thread would, but on this one. False: not to its end.
     bool Walk(CRecvBuffer& buffer);
     /// One receive of m_rcvSock and its walk.
     bool WalkOnce();

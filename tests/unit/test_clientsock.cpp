@@ -178,7 +178,55 @@ TEST(ConnectDB, StoresSixForTheFlagSixteenAndEveryOtherAsItIs)
     }
 }
 
-TEST(ConnectDB, TakesTheTextsAsFarAsTheReplyGoes)
+TEST(ConnectDB, AwaitsTheEndsOfBothTexts)
+{
+    const std::string strHead = Ack().substr(0, 59);
+    for (const std::string& strTexts : {std::string("n"), std::string(1, '\0'), std::string("name\0", 5),
+                                        std::string("name\0title without an end", 25)}) {
+        CLoopback server;
+        server.Run([&](CLoopback& self) {
+            SServed served;
+            Serve(self, served, strHead + strTexts); // and ends the connection
+        });
+        CClientSock client;
+        EXPECT_EQ(Connect(client, server.Host()).nResult, CONNECT_FAILED) << strTexts;
+        server.Join();
+    }
+}
+
+TEST(ConnectDB, ReadsARegisterReplyThatIsSplitAnywhere)
+{
+    const std::string plain = Ack();
+    std::vector<BYTE> wire(plain.size() / 3 * 4 + 4);
+    wire.resize(EncryptPacket(static_cast<UINT>(plain.size()), reinterpret_cast<const BYTE*>(plain.data()),
+                              static_cast<UINT>(wire.size()), wire.data()));
+    for (size_t nSplit = 1; nSplit < wire.size(); ++nSplit) {
+        CLoopback server;
+        server.Run([&](CLoopback& self) {
+            CSyncSocket req;
+            CSyncSocket rcv;
+            self.Accept(req);
+            WantScrambled(req, '7', 16);
+            Send(req, "7");
+            self.Accept(rcv);
+            WantScrambled(rcv, '8', HostName().size() + 19);
+            const std::string_view bytes(reinterpret_cast<const char*>(wire.data()), wire.size());
+            Send(rcv, bytes.substr(0, nSplit));
+            std::this_thread::sleep_for(std::chrono::milliseconds(3));
+            Send(rcv, bytes.substr(nSplit));
+            WantEnd(rcv);
+        });
+        CClientSock client;
+        const SHandshake done = Connect(client, server.Host());
+        EXPECT_EQ(done.nResult, 0) << nSplit;
+        EXPECT_EQ(done.strPrjName, "demo") << nSplit;
+        EXPECT_EQ(done.ack.dif_size, 0x08070605U) << nSplit;
+        client.StopSock();
+        server.Join();
+    }
+}
+
+TEST(ConnectDB, TakesTheTextsWhateverFollows)
 {
     const std::string strHead = Ack().substr(0, 59);
     const struct
@@ -187,11 +235,9 @@ TEST(ConnectDB, TakesTheTextsAsFarAsTheReplyGoes)
         std::string strName;
         std::string strTitle;
     } rows[] = {
-        {"n", "n", ""}, // the shortest reply
-        {std::string(1, '\0'), "", ""},
+        {std::string(2, '\0'), "", ""}, // the shortest reply
         {std::string("\0title\0", 7), "", "title"},
-        {std::string("name\0", 5), "name", ""},
-        {std::string("name\0title without an end", 25), "name", "title without an end"},
+        {std::string("name\0\0", 6), "name", ""},
         {std::string("name\0title\0more\0", 16), "name", "title"},
         {std::string(200, 'n') + '\0' + std::string(120, 't') + '\0', std::string(200, 'n'),
          std::string(120, 't')},
@@ -460,11 +506,30 @@ TEST(ConnectDB, TakesADirectAddressWithTheRelaysPortForARelay)
     EXPECT_TRUE(client.m_bLan);
 }
 
-TEST(ConnectDB, RegistersWhereARedirectIsCutShortOrNamesNoLan)
+TEST(ConnectDB, AwaitsTheRestOfARedirect)
+{
+    CLoopback relay("127.77.1.11", CClientSock::RELAY_PORT);
+    const std::string strWhole = Redirect(1);
+    for (const std::string& strReply : {strWhole.substr(0, 9), std::string("7lan"), std::string("7L")}) {
+        relay.Run([&strReply](CLoopback& self) {
+            SServed served;
+            self.Accept(served.req);
+            served.strOpen = WantScrambled(served.req, '7', 24);
+            Send(served.req, strReply);
+            served.req.ShutDown();
+        });
+        CClientSock client;
+        EXPECT_EQ(Connect(client, "p2p(127.77.1.11):s").nResult, CONNECT_FAILED) << strReply;
+        EXPECT_FALSE(client.m_bLan);
+        client.StopSock();
+        relay.Join();
+    }
+}
+
+TEST(ConnectDB, RegistersWhereAReplyNamesNoLan)
 {
     CLoopback relay("127.77.1.6", CClientSock::RELAY_PORT);
-    const std::string strWhole = Redirect(1);
-    for (const std::string& strReply : {strWhole.substr(0, 9), std::string("7lan"), Redirect(1, "wan")}) {
+    for (const std::string& strReply : {std::string("7"), std::string("7xan"), Redirect(1, "wan")}) {
         relay.Run([&strReply](CLoopback& self) {
             SServed served;
             Serve(self, served, Ack(), 24, strReply);

@@ -268,7 +268,7 @@ TEST_F(CoreSplit, WhereAReceiveEndsInsideTheStreamChangesNothing)
         m_log.clear();
         m_rcv.Send(Bytes(stream.begin(), split));
         ASSERT_TRUE(WaitPending(Core().m_rcvSock, nSplit));
-        CRecvBuffer buffer;
+        CRecvBuffer buffer(REST_MS);
         ASSERT_EQ(buffer.Fill(Core().m_rcvSock), static_cast<int>(nSplit));
         m_rcv.Send(Bytes(split, stream.end()));
         ASSERT_TRUE(WaitPending(Core().m_rcvSock, stream.size() - nSplit));
@@ -295,20 +295,56 @@ TEST_F(CoreSplit, AStreamThatComesByteByByteArrivesWhole)
     EXPECT_EQ(m_log, whole);
 }
 
-TEST_F(CoreSplit, ARestThatNeverComesIsDroppedAndTheNextReceiveBeginsAfresh)
+TEST_F(CoreSplit, ARestThatNeverComesEndsTheWalkForGood)
 {
     const Bytes whole = Change(0, 2, Text("a text"));
     for (const size_t nLen : {size_t{1}, size_t{3}, size_t{4}, whole.size() - 1}) {
         m_log.clear();
-        Receive(Change(0, 1, I4(1)) + Bytes(whole.begin(), whole.begin() + static_cast<long>(nLen)));
-        Receive(Change(0, 2, Text("next")));
-        EXPECT_EQ(m_log, (std::vector<std::string>{"('A', 'n', 1)", "('A', 's', 'next')"})) << nLen;
+        const Bytes cut(whole.begin(), whole.begin() + static_cast<long>(nLen));
+        const Bytes sent = Change(0, 1, I4(1)) + cut;
+        m_rcv.Send(sent);
+        ASSERT_TRUE(WaitPending(Core().m_rcvSock, sent.size()));
+        EXPECT_FALSE(WalkOnce()) << nLen;
+        EXPECT_EQ(m_log, std::vector<std::string>{"('A', 'n', 1)"}) << nLen;
     }
+}
+
+TEST_F(CoreSplit, ARestIsAwaitedAsLongAsBytesCome)
+{
+    Core().m_reqSock.SetTimeOut(400);
+    StartReceiving();
+    const Bytes slow = Change(0, 2, Text("a text that takes three times as long as one pause may"));
+    {
+        const COthersRun others;
+        for (const BYTE n : slow) {
+            m_rcv.Send({n});
+            std::this_thread::sleep_for(std::chrono::milliseconds(25));
+        }
+        m_rcv.Send(Change(0, 1, I4(1)));
+    }
+    EXPECT_TRUE(WaitWhileOthersRun([&] { return m_log.size() >= 2; }));
+    EXPECT_TRUE(Core().IsConnected());
+    EXPECT_EQ(m_log,
+              (std::vector<std::string>{
+                  "('A', 's', 'a text that takes three times as long as one pause may')", "('A', 'n', 1)"}));
+}
+
+TEST_F(CoreSplit, ARestThatPausesForLongerEndsBothConnections)
+{
+    Core().m_reqSock.SetTimeOut(100);
+    StartReceiving();
+    const Bytes whole = Change(0, 1, I4(0x01020304));
+    m_rcv.Send(Bytes(whole.begin(), whole.begin() + 6));
+    EXPECT_TRUE(WaitWhileOthersRun([&] { return !Core().IsConnected(); }));
+    m_rcv.Send(Bytes(whole.begin() + 6, whole.end()) + Change(0, 1, I4(5)));
+    m_req.WantEnd();
+    EXPECT_TRUE(m_log.empty());
+    EXPECT_EQ(Read(*m_pA, "n"), "0") << "the value of the subscription";
 }
 
 TEST_F(CoreSplit, ALongTextArrivesWhole)
 {
-    for (const size_t nText : {2043, 2044, 2045, 4096, 30000, 65531}) {
+    for (const size_t nText : {2043, 2044, 2045, 4096, 30000, 65531, 65532, 300'000, 5'000'000}) {
         m_log.clear();
         const std::string strText(nText, 'x');
         const CPlay play([&] { m_rcv.Send(Change(0, 2, Text(strText)) + Change(0, 1, I4(1))); });
@@ -320,11 +356,16 @@ TEST_F(CoreSplit, ALongTextArrivesWhole)
 
 TEST_F(CoreSplit, ATextThatNeverEndsIsGivenUp)
 {
-    const CPlay play([&] { m_rcv.Send(Change(0, 2, Raw(std::string(65532, 'x')))); });
-    EXPECT_TRUE(WalkOnce());
+    const CPlay play([&] {
+        const Bytes part = Raw(std::string(1 << 20, 'x'));
+        m_rcv.Send(Change(0, 2, part));
+        for (size_t n = part.size(); n < CRecvBuffer::MAX_SIZE; n += part.size())
+            m_rcv.Send(part);
+    });
+    EXPECT_FALSE(WalkOnce());
     EXPECT_EQ(Read(*m_pA, "s"), "'first'");
-    Receive(Change(0, 2, Text("next")));
-    EXPECT_EQ(m_log, std::vector<std::string>{"('A', 's', 'next')"});
+    EXPECT_TRUE(m_log.empty());
+    m_pCore->StopSock(); // what is left of it is not received
 }
 
 /// The same stream, but the core walks on its own thread.

@@ -1,7 +1,12 @@
 // Requests and their replies: what is sent, and that no reply is ever taken for that to another request.
 #include "peer.h"
 
-#include "disturbed_call.h"
+#include "WaitHook.h"
+
+#include <atomic>
+#include <memory>
+#include <optional>
+#include <thread>
 
 namespace {
 
@@ -91,135 +96,113 @@ TEST(ReqRecvAll, ReadsALengthOrFails)
     server.join();
 }
 
-TEST(Exchange, ThrowsAwayWhatCameUnasked)
+/// Neither connection of the client is left.
+void WantEnded(SRequests& requests)
 {
-    SRequests requests;
-    Send(requests.server, std::string(5000, 'x'));
-    std::this_thread::sleep_for(std::chrono::milliseconds(30));
-    {
-        CExchange exchange(requests.client);
-        exchange.Succeed();
-    }
-    Send(requests.server, "answer");
-    std::array<char, 6> buf{};
-    EXPECT_TRUE(requests.client.ReqRecvAll(buf.data(), 6));
-    EXPECT_EQ(std::string_view(buf.data(), 6), "answer");
+    EXPECT_FALSE(requests.client.m_reqSock.IsSocket());
+    EXPECT_FALSE(requests.client.m_rcvSock.IsSocket());
 }
 
-TEST(Exchange, ThrowsAwayASurplusOfTheReplyBefore)
+TEST(Exchange, OfAWholeReplyLeavesTheConnectionOpen)
 {
     SRequests requests;
-    std::array<char, 6> buf{};
+    for (const char* szReply : {"first", "later"}) {
+        CExchange exchange(requests.client);
+        ASSERT_TRUE(exchange.IsOpen());
+        EXPECT_EQ(requests.client.ReqSend("ask", 3), 3);
+        Want(requests.server, "ask");
+        Send(requests.server, szReply);
+        std::array<char, 5> buf{};
+        EXPECT_TRUE(requests.client.ReqRecvAll(buf.data(), 5));
+        EXPECT_EQ(std::string_view(buf.data(), 5), szReply);
+        exchange.Succeed();
+    }
+    EXPECT_TRUE(requests.client.m_reqSock.IsSocket());
+}
+
+TEST(Exchange, EndsTheConnectionWhenSomethingCameUnasked)
+{
+    SRequests requests;
+    CLoopback listener;
+    CSyncSocket pushed;
+    ASSERT_TRUE(requests.client.m_rcvSock.Create());
+    ASSERT_TRUE(requests.client.m_rcvSock._Connect("127.0.0.1", listener.Port()));
+    listener.Accept(pushed);
+    Send(requests.server, "x");
+    while (requests.client.m_reqSock.IsQuiet())
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    {
+        const CExchange exchange(requests.client);
+        EXPECT_FALSE(exchange.IsOpen());
+    }
+    WantEnded(requests);
+    WantEnd(pushed);
+}
+
+TEST(Exchange, EndsTheConnectionWhenAReplyHadASurplus)
+{
+    SRequests requests;
     {
         CExchange exchange(requests.client);
         Send(requests.server, "answer and more");
+        std::array<char, 6> buf{};
         EXPECT_TRUE(requests.client.ReqRecvAll(buf.data(), 6));
         exchange.Succeed();
     }
-    {
-        CExchange exchange(requests.client);
-        EXPECT_EQ(requests.client.ReqSend("ask", 3), 3);
-        Want(requests.server, "ask");
-        Send(requests.server, "second");
-        EXPECT_TRUE(requests.client.ReqRecvAll(buf.data(), 6));
-        exchange.Succeed();
-    }
-    EXPECT_EQ(std::string_view(buf.data(), 6), "second");
+    EXPECT_TRUE(requests.client.m_reqSock.IsSocket()) << "that reply was whole";
+    const CExchange exchange(requests.client);
+    EXPECT_FALSE(exchange.IsOpen());
 }
 
-/// Begins an exchange behind an unclean one and lets a byte come in while it waits for late ones. Says
-/// whether it surely came in time: a busy machine may be late itself.
-bool LateByteComesInTime(SRequests& requests)
-{
-    const auto begin = std::chrono::steady_clock::now();
-    {
-        const CExchange unclean(requests.client);
-    }
-    std::thread next([&] {
-        CExchange exchange(requests.client);
-        exchange.Succeed();
-    });
-    std::this_thread::sleep_for(std::chrono::milliseconds(10));
-    Send(requests.server, "l");
-    const bool bInTime = std::chrono::steady_clock::now() - begin < std::chrono::milliseconds(50);
-    next.join();
-    return bInTime;
-}
-
-TEST(Exchange, WaitsOutTheRestOfOneThatEndedUnclean)
+TEST(Exchange, TakesTheTailOfAReplyThatHasNoKnownEnd)
 {
     SRequests requests;
-    std::array<char, 3> buf{};
-    for (int i = 0; i < 50 && !LateByteComesInTime(requests); ++i)
-        ASSERT_LT(i, 49) << "no exchange has waited";
-    Send(requests.server, "new");
-    EXPECT_TRUE(requests.client.ReqRecvAll(buf.data(), 3));
-    EXPECT_EQ(std::string_view(buf.data(), 3), "new");
-}
-
-TEST(Exchange, SignalsDoNotCutThatWaitShort)
-{
-    SRequests requests;
-    bool bDisturbed = false;
-    for (int i = 0; i < 20 && !bDisturbed; ++i) { // on a busy machine the signal may come too late
+    for (const bool bTooMuch : {false, true}) {
         {
-            const CExchange unclean(requests.client);
+            CExchange exchange(requests.client);
+            ASSERT_TRUE(exchange.IsOpen());
+            exchange.Succeed(4);
         }
-        std::chrono::steady_clock::duration took{};
-        CDisturbedCall call([&] {
-            const auto begin = std::chrono::steady_clock::now();
-            {
-                CExchange exchange(requests.client);
-                exchange.Succeed();
-            }
-            took = std::chrono::steady_clock::now() - begin;
-        });
-        bDisturbed = call.Disturb(1);
-        call.Join();
-        ASSERT_GE(took, std::chrono::milliseconds(49)) << "ended by a signal";
-    }
-    EXPECT_TRUE(bDisturbed);
-}
-
-TEST(Exchange, BehindACleanOneWaitsForNothing)
-{
-    SRequests requests;
-    int nWaited = 0;
-    for (int i = 0; i < 50; ++i) {
-        const auto begin = std::chrono::steady_clock::now();
+        Send(requests.server, bTooMuch ? "tail!" : "tail");
+        while (requests.client.m_reqSock.IsQuiet())
+            std::this_thread::sleep_for(std::chrono::milliseconds(1));
+        std::this_thread::sleep_for(std::chrono::milliseconds(50)); // five bytes may come as two pieces
         CExchange exchange(requests.client);
+        EXPECT_EQ(exchange.IsOpen(), !bTooMuch);
         exchange.Succeed();
-        nWaited += std::chrono::steady_clock::now() - begin >= std::chrono::milliseconds(50);
     }
-    EXPECT_LT(nWaited, 50);
 }
 
-TEST(Exchange, OnAConnectionThatThePeerHasClosedFailsAtOnce)
+TEST(Exchange, ThatDidNotReadItsReplyEndsTheConnection)
 {
     SRequests requests;
-    Send(requests.server, "stray");
-    requests.server.Close();
-    std::array<char, 1> buf{};
     {
         const CExchange exchange(requests.client);
-        requests.client.ReqSend("ask", 3); // the first send may still be taken
-        EXPECT_FALSE(requests.client.ReqRecvAll(buf.data(), 1));
+        EXPECT_EQ(requests.client.ReqSend("ask", 3), 3);
     }
-    EXPECT_FALSE(requests.client.m_reqSock.HasTimedOut());
-    const CExchange exchange(requests.client);
-    EXPECT_EQ(requests.client.ReqSend("ask", 3), -1);
+    WantEnded(requests);
+    Want(requests.server, "ask");
+    WantEnd(requests.server);
 }
 
-TEST(Exchange, WithoutAConnectionFailsAndWaitsForNothing)
+TEST(Exchange, OnAConnectionThatThePeerHasClosedIsNotOpen)
+{
+    SRequests requests;
+    requests.server.Close();
+    while (requests.client.m_reqSock.IsQuiet())
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    {
+        const CExchange exchange(requests.client);
+        EXPECT_FALSE(exchange.IsOpen());
+    }
+    WantEnded(requests);
+}
+
+TEST(Exchange, WithoutAConnectionIsNotOpen)
 {
     CClientSock client;
-    {
-        const CExchange unclean(client);
-        EXPECT_EQ(client.ReqSend("ask", 3), -1);
-    }
     const CExchange exchange(client);
-    std::array<char, 1> buf{};
-    EXPECT_FALSE(client.ReqRecvAll(buf.data(), 1));
+    EXPECT_FALSE(exchange.IsOpen());
 }
 
 TEST(Exchange, EndsTheConnectionAfterATimeOut)
@@ -230,7 +213,7 @@ TEST(Exchange, EndsTheConnectionAfterATimeOut)
         char ch = 0;
         EXPECT_FALSE(requests.client.ReqRecvAll(&ch, 1));
     }
-    EXPECT_FALSE(requests.client.m_reqSock.IsSocket());
+    WantEnded(requests);
     WantEnd(requests.server);
 }
 
@@ -243,63 +226,142 @@ TEST(Exchange, EndsTheConnectionWhenARequestCannotBeSentInTime)
         EXPECT_LT(requests.client.m_reqSock._Send(big.data(), static_cast<int>(big.size())),
                   static_cast<int>(big.size()));
     }
-    EXPECT_FALSE(requests.client.m_reqSock.IsSocket());
+    WantEnded(requests);
 }
 
-TEST(Exchange, ForgetsATimeOutWithItsConnection)
+/// A peer that sends a byte again and again, each in less than a time-out, for as long as the client lives.
+class CTrickle
 {
-    SRequests requests;
+public:
+    explicit CTrickle(CSyncSocket& sock)
+        : m_thread([this, &sock] {
+              while (!m_bStop && sock._Send("x", 1) == 1)
+                  std::this_thread::sleep_for(std::chrono::milliseconds(20));
+          })
+    {
+    }
+    ~CTrickle()
+    {
+        m_bStop = true;
+        m_thread.join();
+    }
+    CTrickle(const CTrickle&) = delete;
+    CTrickle& operator=(const CTrickle&) = delete;
+
+private:
+    std::atomic<bool> m_bStop{false};
+    std::thread m_thread;
+};
+
+TEST(Exchange, AWholeReplyHasToComeWithinTwiceTheTimeOut)
+{
+    SRequests requests; // 200 ms
+    const auto begin = std::chrono::steady_clock::now();
+    std::vector<char> buf(100'000);
+    std::optional<CTrickle> trickle;
     {
         const CExchange exchange(requests.client);
-        std::array<char, 1> buf{};
-        EXPECT_FALSE(requests.client.ReqRecvAll(buf.data(), 1));
+        ASSERT_TRUE(exchange.IsOpen());
+        trickle.emplace(requests.server);
+        EXPECT_FALSE(requests.client.ReqRecvAll(buf.data(), static_cast<int>(buf.size())));
     }
-    CLoopback listener;
-    ASSERT_TRUE(requests.client.m_reqSock.Create());
-    ASSERT_TRUE(requests.client.m_reqSock._Connect("127.0.0.1", listener.Port()));
+    const auto took = std::chrono::steady_clock::now() - begin;
+    EXPECT_GE(took, std::chrono::milliseconds(400)) << "it was to go on while bytes come";
+    EXPECT_LT(took, std::chrono::seconds(20));
+    WantEnded(requests);
+}
+
+TEST(Exchange, APeerThatNeverPausesIsBoundToo)
+{
+    SRequests requests;
+    requests.server.SetTimeOut(5000);
+    std::optional<std::thread> talker;
     {
-        CExchange exchange(requests.client);
-        exchange.Succeed();
+        const CExchange exchange(requests.client);
+        ASSERT_TRUE(exchange.IsOpen());
+        talker.emplace([&] {
+            const std::string noise(65536, 'x');
+            while (requests.server.SendAll(noise.data(), static_cast<int>(noise.size()))) {
+            }
+        });
+        std::array<char, 1024> buf{};
+        const auto until = std::chrono::steady_clock::now() + std::chrono::seconds(30);
+        while (requests.client.ReqRecvAll(buf.data(), buf.size()))
+            ASSERT_LT(std::chrono::steady_clock::now(), until);
     }
-    EXPECT_TRUE(requests.client.m_reqSock.IsSocket());
+    WantEnded(requests);
+    talker->join();
 }
 
-TEST(Exchange, EndsTheConnectionOfAPeerThatNeverStopsTalking)
+/// The hook that this thread's waits ask: what it says, and how often it was asked.
+std::atomic<int> g_nAsked{0};
+std::atomic<bool> g_bGoOn{true};
+
+bool Ask()
 {
-    SRequests requests;
-    requests.server.SetTimeOut(5000);
-    std::thread talker([&] {
-        const std::string noise(65536, 'x');
-        while (requests.server.SendAll(noise.data(), static_cast<int>(noise.size()))) {
-        }
-    });
-    for (int i = 0; i < 500 && requests.client.m_reqSock.IsSocket(); ++i) {
-        std::this_thread::sleep_for(std::chrono::milliseconds(10)); // the talker may have to begin yet
-        CExchange exchange(requests.client);
-        exchange.Succeed();
-    }
-    EXPECT_FALSE(requests.client.m_reqSock.IsSocket());
-    requests.client.StopSock();
-    talker.join();
+    ++g_nAsked;
+    return g_bGoOn;
 }
 
-TEST(Exchange, EndsTheConnectionOfAPeerThatTricklesWithoutEnd)
+TEST(Exchange, AWaitAsksItsHookAndEndsWhenThatSaysSo)
 {
     SRequests requests;
-    requests.server.SetTimeOut(5000);
-    std::atomic<bool> bStop{false};
-    std::thread talker([&] { // never silent for as long as an exchange waits
-        while (!bStop && requests.server._Send("x", 1) == 1)
-            std::this_thread::sleep_for(std::chrono::milliseconds(2));
+    requests.client.m_reqSock.SetTimeOut(30'000);
+    g_nAsked = 0;
+    g_bGoOn = true;
+    const CWaitHookScope scope({Ask, nullptr});
+    std::thread ender([] {
+        while (g_nAsked < 3)
+            std::this_thread::sleep_for(std::chrono::milliseconds(1));
+        g_bGoOn = false;
     });
     const auto begin = std::chrono::steady_clock::now();
-    while (requests.client.m_reqSock.IsSocket() &&
-           std::chrono::steady_clock::now() - begin < std::chrono::seconds(30)) {
+    {
         const CExchange exchange(requests.client);
+        char ch = 0;
+        EXPECT_FALSE(requests.client.ReqRecvAll(&ch, 1));
     }
-    EXPECT_FALSE(requests.client.m_reqSock.IsSocket());
-    bStop = true;
-    talker.join();
+    ender.join();
+    EXPECT_GE(g_nAsked, 4);
+    EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::seconds(15));
+    WantEnded(requests);
+}
+
+TEST(Exchange, ASecondOneOfTheSameThreadIsNotOpenAndHarmsNothing)
+{
+    SRequests requests;
+    CExchange exchange(requests.client);
+    EXPECT_TRUE(requests.client.IsExchanging());
+    {
+        const CExchange handler(requests.client);
+        EXPECT_FALSE(handler.IsOpen());
+    }
+    EXPECT_TRUE(requests.client.IsExchanging());
+    Send(requests.server, "answer");
+    std::array<char, 6> buf{};
+    EXPECT_TRUE(requests.client.ReqRecvAll(buf.data(), 6));
+    exchange.Succeed();
+}
+
+TEST(Exchange, AnotherThreadWaitsForTheEndOfTheOneUnderWay)
+{
+    SRequests requests;
+    std::atomic<bool> bSecond{false};
+    auto first = std::make_unique<CExchange>(requests.client);
+    std::thread other([&] {
+        const CWaitHookScope scope(
+            {nullptr, [] { std::this_thread::sleep_for(std::chrono::milliseconds(1)); }});
+        CExchange exchange(requests.client);
+        EXPECT_TRUE(exchange.IsOpen());
+        exchange.Succeed();
+        bSecond = true;
+    });
+    std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    EXPECT_FALSE(bSecond);
+    first->Succeed();
+    first.reset();
+    other.join();
+    EXPECT_TRUE(bSecond);
 }
 
 TEST(StopSock, MayRunOnSeveralThreadsAtOnce)
