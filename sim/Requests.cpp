@@ -10,9 +10,10 @@
 
 namespace {
 
-// No honest client comes near these; they bound what is kept for one that never ends a request.
+// No honest client comes near these; they bound what is kept for one that never ends a request. They hold for
+// what a request is, not for what has come of it: else it would depend on the network how bytes are read.
 constexpr size_t MAX_TEXT_REQUEST = 4096;
-constexpr size_t MAX_NAME = 1024;
+constexpr size_t MAX_NAME = 1025; // with its driver id and its NUL
 constexpr size_t MAX_LOOKUP = 4096;
 constexpr size_t MAX_WRITE = 16384;
 constexpr WORD MAX_ADDRESSES = 8192;
@@ -25,6 +26,22 @@ SFrame FrameFixed(std::span<const BYTE> bytes, size_t nLen)
 {
     return bytes.size() < nLen ? SFrame{} : SFrame{EFrame::Whole, nLen};
 }
+
+/// What a request may take of the bytes, and whether its end can still come behind them.
+struct SRoom
+{
+    SRoom(std::span<const BYTE> all, size_t nMax) : bytes(all.first(std::min(all.size(), nMax))), nRoom(nMax)
+    {
+    }
+
+    SFrame Unended(const char* szWhy) const
+    {
+        return bytes.size() < nRoom ? SFrame{} : SFrame{EFrame::Bad, 0, szWhy};
+    }
+
+    std::span<const BYTE> bytes;
+    size_t nRoom;
+};
 
 /// A count, then as many items of one size.
 SFrame FrameItems(std::span<const BYTE> bytes, size_t nItem)
@@ -40,22 +57,23 @@ SFrame FrameItems(std::span<const BYTE> bytes, size_t nItem)
 
 SFrame FrameLogin(std::span<const BYTE> bytes)
 {
-    CWireReader reader(bytes.subspan(1));
+    const SRoom room(bytes, MAX_TEXT_REQUEST);
+    CWireReader reader(room.bytes.subspan(1));
     reader.Text();
     reader.Text();
     if (!reader.IsBad())
-        return {EFrame::Whole, bytes.size() - reader.Left()};
-    return bytes.size() < MAX_TEXT_REQUEST ? SFrame{} : SFrame{EFrame::Bad, 0, "a login without an end"};
+        return {EFrame::Whole, room.bytes.size() - reader.Left()};
+    return room.Unended("a login without an end");
 }
 
 SFrame FrameDownload(std::span<const BYTE> bytes)
 {
     constexpr std::string_view END = "\r\n\r\n";
-    const auto end = std::search(bytes.begin(), bytes.end(), END.begin(), END.end());
-    if (end != bytes.end())
-        return {EFrame::Whole, static_cast<size_t>(end - bytes.begin()) + END.size()};
-    return bytes.size() < MAX_TEXT_REQUEST ? SFrame{}
-                                           : SFrame{EFrame::Bad, 0, "a download request without an end"};
+    const SRoom room(bytes, MAX_TEXT_REQUEST);
+    const auto end = std::search(room.bytes.begin(), room.bytes.end(), END.begin(), END.end());
+    if (end != room.bytes.end())
+        return {EFrame::Whole, static_cast<size_t>(end - room.bytes.begin()) + END.size()};
+    return room.Unended("a download request without an end");
 }
 
 /// The names that are whole, as far as they are names of one look-up.
@@ -64,48 +82,52 @@ SFrame FrameLookup(std::span<const BYTE> bytes, bool bContinues, const FnHasDriv
     size_t nWhole = bContinues ? 0 : 1;
     bool bAny = bContinues;
     for (;;) {
-        CWireReader reader(bytes.subspan(nWhole));
+        const SRoom name(bytes.subspan(nWhole), MAX_NAME);
+        CWireReader reader(name.bytes);
         if (reader.Left() == 0 && nWhole > 1)
             return {EFrame::Whole, nWhole};
         if (reader.Left() == 1 && bAny && nWhole > 1 && IsCommand(reader.Rest()[0]) &&
             !hasDriver(reader.Rest()[0])) // only an id of more than one byte could begin like this
             return {EFrame::Whole, nWhole};
-        if (reader.Left() < 2)
-            break;
         const WORD nDriver = reader.Get<WORD>();
-        if (bAny && !hasDriver(nDriver))
+        if (!reader.IsBad() && bAny && !hasDriver(nDriver))
             return nWhole > 1 ? SFrame{EFrame::Whole, nWhole} : SFrame{EFrame::Bad, 0, "no command"};
         reader.Text();
-        if (reader.IsBad())
-            break;
-        nWhole = bytes.size() - reader.Left();
-        bAny = true;
+        if (!reader.IsBad()) {
+            nWhole += name.bytes.size() - reader.Left();
+            bAny = true;
+            continue;
+        }
+        // The bytes end inside a name, or it has no end: what is whole before it is answered all the same.
+        const SFrame unended = name.Unended("a tag name without an end");
+        if (nWhole > (unended.eState == EFrame::Bad ? 1 : MAX_LOOKUP))
+            return {EFrame::Whole, nWhole};
+        return unended;
     }
-    // The bytes end inside a name.
-    if (bytes.size() - nWhole > MAX_NAME)
-        return {EFrame::Bad, 0, "a tag name without an end"};
-    return nWhole > MAX_LOOKUP ? SFrame{EFrame::Whole, nWhole} : SFrame{};
 }
 
 SFrame FrameWrite(std::span<const BYTE> bytes)
 {
     if (bytes.size() < COUNT_END)
         return {};
-    CWireReader reader(bytes.subspan(1));
+    const SRoom room(bytes, MAX_WRITE);
+    CWireReader reader(room.bytes.subspan(1));
     const WORD nCount = reader.Get<WORD>();
     XVariant value;
     for (WORD i = 0; i < nCount; ++i) {
         reader.Skip(READ_ITEM);
+        if (reader.IsBad()) // what is left is of the address, and says nothing of a type
+            return room.Unended("a write without an end");
         CWireReader type(reader.Rest());
         const WORD nType = type.Get<WORD>();
-        const auto nSize = reader.IsBad() ? std::nullopt : value.FromBytes(reader.Rest(), true);
         if (!type.IsBad() && (nType & VT_ARRAY))
             return {EFrame::Bad, 0, "a written array"};
+        const auto nSize = value.FromBytes(reader.Rest(), true);
         if (!nSize)
-            return bytes.size() < MAX_WRITE ? SFrame{} : SFrame{EFrame::Bad, 0, "a write without an end"};
+            return room.Unended("a write without an end");
         reader.Skip(*nSize);
     }
-    return {EFrame::Whole, bytes.size() - reader.Left()};
+    return {EFrame::Whole, room.bytes.size() - reader.Left()};
 }
 
 std::vector<STagRef> ParseItems(std::span<const BYTE> bytes, size_t nItem)
