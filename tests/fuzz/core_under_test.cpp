@@ -1,70 +1,15 @@
 // See core_under_test.h.
 #include "core_under_test.h"
 
-#include <algorithm>
+#include <cstdlib>
 
-namespace {
-
-size_t PayloadSize(unsigned nType)
+void StartPython()
 {
-    switch (nType) {
-    case 2:  // signed and unsigned 16 bits
-    case 18: //
-        return 2;
-    case 3: // 32 bits, and the 32-bit float
-    case 4:
-    case 19:
-    case 22:
-    case 23:
-        return 4;
-    case 5: // double, date, 64 bits
-    case 7:
-    case 20:
-        return 8;
-    case 11: // boolean and 8 bits
-    case 16:
-    case 17:
-        return 1;
-    default:
-        return 0;
-    }
-}
-
-} // namespace
-
-std::optional<SDecoded> DecodePayload(unsigned nType, std::span<const BYTE> bytes)
-{
-    size_t nUsed = PayloadSize(nType);
-    if (nType == 8) {
-        const auto nul = std::ranges::find(bytes, BYTE{0});
-        nUsed = static_cast<size_t>(nul - bytes.begin()) + 1;
-    }
-    if (nUsed > bytes.size())
-        return std::nullopt;
-    const unsigned nKept = nType == 0x2000 ? 0x200C : nType; // an array becomes one of variants
-    SDecoded decoded{{static_cast<BYTE>(nKept), static_cast<BYTE>(nKept >> 8)}, nUsed};
-    decoded.value.insert(decoded.value.end(), bytes.begin(),
-                         bytes.begin() + static_cast<std::ptrdiff_t>(nUsed));
-    if (nType == 11)
-        decoded.value[2] = bytes[0] != 0;
-    return decoded;
-}
-
-std::optional<SDecoded> DecodeTyped(std::span<const BYTE> bytes)
-{
-    if (bytes.size() < 2)
-        return std::nullopt;
-    auto decoded = DecodePayload(LittleWord(bytes), bytes.subspan(2));
-    if (decoded)
-        decoded->nUsed += 2;
-    return decoded;
-}
-
-Encoded Encode(const XVariant& value)
-{
-    Encoded bytes(value.BufferSize(true));
-    value.ToBuffer(bytes.data(), bytes.size(), true);
-    return bytes;
+    if (Py_IsInitialized())
+        return;
+    // The interpreter's own allocator would hide a wrong access to its objects and what is lost of them.
+    ::setenv("PYTHONMALLOC", "malloc", 1);
+    Py_InitializeEx(0);
 }
 
 CDBCoreTest::CDBCoreTest(CScriptedWire& wire, WORD nTags) : m_wire(wire)

@@ -1,31 +1,12 @@
-// A core with a driver and two scripted connections, and the values of tags as the target expects them,
-// written down a second time: encoded bytes in place of variants, so that the two cannot be wrong in the same
-// way.
+// A core with a driver and two scripted connections.
 #pragma once
 
 #include "DBCore.h"
 #include "scripted_wire.h"
+#include "second_reading.h"
 
-#include <optional>
-#include <string>
-
-/// An encoded value: type word and payload.
-using Encoded = std::vector<BYTE>;
-
-/// The value at the front of bytes as it would be encoded again, and how many bytes it takes there. Nothing
-/// when the bytes end inside it.
-struct SDecoded
-{
-    Encoded value;
-    size_t nUsed = 0;
-};
-std::optional<SDecoded> DecodeTyped(std::span<const BYTE> bytes);
-std::optional<SDecoded> DecodePayload(unsigned nType, std::span<const BYTE> bytes);
-Encoded Encode(const XVariant& value);
-inline unsigned LittleWord(std::span<const BYTE> bytes)
-{
-    return bytes[0] | unsigned{bytes[1]} << 8;
-}
+/// An interpreter for the rest of the process, whose lock the caller holds.
+void StartPython();
 
 /// The only friend that CDBCore has; what the targets need of its inside goes through here.
 class CDBCoreTest

@@ -10,6 +10,8 @@
 
 namespace {
 
+using Time = std::chrono::steady_clock::time_point;
+
 CScriptedWire* g_pCurrent = nullptr;
 
 CScriptedWire::SChannel* ChannelOf(int fd)
@@ -41,7 +43,10 @@ int __wrap_connect(int fd, const sockaddr* pAddr, socklen_t nLen)
 /// Pauses between steps are for a peer, and there is none.
 int __wrap_nanosleep(const timespec* pTime, timespec* pLeft)
 {
-    return g_pCurrent ? 0 : __real_nanosleep(pTime, pLeft);
+    if (!g_pCurrent)
+        return __real_nanosleep(pTime, pLeft);
+    g_pCurrent->Pass(std::chrono::seconds(pTime->tv_sec) + std::chrono::nanoseconds(pTime->tv_nsec));
+    return 0;
 }
 
 int __wrap_poll(pollfd* pEntries, nfds_t nEntries, int nMs)
@@ -52,13 +57,19 @@ int __wrap_poll(pollfd* pEntries, nfds_t nEntries, int nMs)
     const bool bIn = (pEntries->events & POLLIN) && g_pCurrent->IsReadable(*pChannel);
     const bool bOut = pEntries->events & POLLOUT;
     pEntries->revents = static_cast<short>((bIn ? POLLIN : 0) | (bOut ? POLLOUT : 0));
+    if (!bIn && !bOut)
+        g_pCurrent->Pass(nMs < 0 ? CScriptedWire::LONG_WAIT : std::chrono::milliseconds(nMs));
     return bIn || bOut ? 1 : 0;
 }
 
 ssize_t __wrap_recv(int fd, void* pBuf, size_t nLen, int nFlags)
 {
     auto* pChannel = ChannelOf(fd);
-    return pChannel ? g_pCurrent->Receive(*pChannel, pBuf, nLen) : __real_recv(fd, pBuf, nLen, nFlags);
+    if (!pChannel)
+        return __real_recv(fd, pBuf, nLen, nFlags);
+    if (!g_pCurrent->IsReadable(*pChannel) && !(nFlags & MSG_DONTWAIT))
+        g_pCurrent->Pass(CScriptedWire::LONG_WAIT);
+    return g_pCurrent->Receive(*pChannel, pBuf, nLen);
 }
 
 ssize_t __wrap_send(int fd, const void* pBuf, size_t nLen, int nFlags)
@@ -66,6 +77,14 @@ ssize_t __wrap_send(int fd, const void* pBuf, size_t nLen, int nFlags)
     auto* pChannel = ChannelOf(fd);
     return pChannel ? g_pCurrent->Send(*pChannel, pBuf, nLen) : __real_send(fd, pBuf, nLen, nFlags);
 }
+}
+
+// The name of std::chrono::steady_clock::now(), which has no C form.
+Time RealNow() __asm__("__real__ZNSt6chrono3_V212steady_clock3nowEv");
+Time PlayedNow() __asm__("__wrap__ZNSt6chrono3_V212steady_clock3nowEv");
+Time PlayedNow()
+{
+    return g_pCurrent ? g_pCurrent->Now() : RealNow();
 }
 
 BYTE CInput::Byte()
