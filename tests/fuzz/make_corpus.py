@@ -58,9 +58,58 @@ def advise_block(values: bytes) -> bytes:
     return b"b" + struct.pack("<H", len(values)) + values
 
 
+def address(tag: int, driver: int = 0) -> bytes:
+    return struct.pack("<HH", driver, tag)
+
+
+def name(text: str, driver: int = 0) -> bytes:
+    return struct.pack("<H", driver) + text.encode("gb2312") + b"\0"
+
+
+def counted(command: bytes, *items: bytes) -> bytes:
+    return command + struct.pack("<H", len(items)) + b"".join(items)
+
+
 LOOKUP, READ, ADVISE, POSITION, UNADVISE, ALARMS, LOGIN, PATH, CHANGE = (bytes([i]) for i in range(9))
 EIGHT = b"".join(typed(kind, bytes(range(1, WIDTHS[kind] + 1))) for kind in (2, 3, 4, 5, 11, 16, 20)) + typed(8, b"t\0")
 NUMBERS = b"".join(typed(3, struct.pack("<i", i)) for i in range(8))
+
+
+def write(flags: int, names: str, *values: bytes) -> bytes:
+    return bytes([flags]) + segment(names.encode("gb2312")) + b"".join(values)
+
+
+TRUE, FALSE, OTHER, NONE = b"\x08", b"\0", b"\x06", b"\x07"  # the values of a write
+
+
+# A step of a whole connection: as it should be, cut behind so many bytes, other bytes, nothing.
+GOOD, NOTHING = b"\0", b"\3"
+NO_COPY, COPY, CURRENT, HELLO, ALARM_CALLS = 0, 1, 3, 4, 8  # its flags
+
+
+def cut(size: int) -> bytes:
+    return b"\1" + struct.pack("<H", size)
+
+
+def other(reply: bytes) -> bytes:
+    return b"\2" + segment(reply)
+
+
+def drivers(*tags: int) -> bytes:
+    return bytes([len(tags), *tags])
+
+
+def integer(number: int, size: int = 4) -> bytes:
+    return b"\x01" + segment(number.to_bytes(size, "little", signed=True))
+
+
+def real(number: float) -> bytes:
+    return b"\x03" + segment(struct.pack("<d", number))
+
+
+def text(utf8: bytes, long: bool = False) -> bytes:
+    return (b"\x05" if long else b"\x04") + segment(utf8)
+
 
 SEEDS: dict[str, list[bytes]] = {
     "variant": [
@@ -162,6 +211,122 @@ SEEDS: dict[str, list[bytes]] = {
         b",,,",
         "€\u2015\u00b7".encode(),
         "炉,膛".encode("gb2312"),
+    ],
+    # Nothing or a mirror's names; host text.
+    "host": [
+        b"\0\0" + host
+        for host in (
+            b"192.0.2.1",
+            b"plant.example:8080",
+            b"a:b:81",
+            b":80",
+            b"",
+            b"plant: +070000x",
+            b"p2p(192.0.2.7):plant",
+            b"P2P:name:with:colons",
+            b"p2p(0):x",
+            b"p2p(192.0.2.7))):n",
+            b"p2pname",
+            b"p2p:" + b"n" * 250,
+            b"plant:3968",
+            b"plant:99999999999999999999",
+        )
+    ]
+    + [
+        b"\1" + segment("演示".encode("gb2312")) + segment("p2p:锅炉".encode()) + "p2p:隧道".encode(),
+        b"\1" + segment(b"demo") + segment("p2p:ö".encode()) + b"p2p:a\xff",
+        b"\1" + segment(b"..") + segment(b"10.0.0.5:8000") + b"10.0.0.5:8001",
+        b"\1" + segment(b"a\xff\xff") + segment("p2p:—·".encode()) + "p2p:―・".encode(),
+    ],
+    # Pieces; each write: flags (no right, a list, values too many, one too few), names, values.
+    "writes": [
+        UNCUT + write(0, "A", integer(-7)) + write(0, "A", real(2.5)) + write(0, "炉膛温度", text("文本".encode())),
+        b"\x03" + write(2, "A,B,C,D,E", integer(1), TRUE, FALSE, real(-0.0), text(b"t")) + write(2, "A,B", OTHER, NONE),
+        BYTEWISE + write(2, " A ,,B, ,C", integer(1 << 70, 10), integer(-1, 1), text(b""), NONE) + write(1, "A", TRUE),
+        UNCUT + write(0, "A", text(b"0123456789", long=True)) + write(0, "A", text(b"01234567890", long=True)),
+        UNCUT
+        + write(2, "A,B,C", *(text(b"12345", long=True),) * 3)
+        + write(18, "A,B", integer(1))
+        + write(14, "", TRUE),
+        UNCUT + write(2, ",".join(f"name{i}" for i in range(150)), *(integer(i) for i in range(150))),
+        UNCUT
+        + write(0, "n" * 764, TRUE)
+        + write(0, "n" * 765, TRUE)
+        + write(0, "A", text(b"a\0b"))
+        + write(0, "B", text(b"\xff")),
+    ],
+    # Pieces, flags, the directories of the copy and of the server, open, register, login, and how the directory is
+    # sent (whole, as the copy, behind the copy); alarms, texts, their steps; what is pushed.
+    "session": [
+        UNCUT + bytes([NO_COPY]) + drivers(3, 40, 0) + GOOD * 3 + b"\0" + GOOD,
+        UNCUT
+        + bytes([ALARM_CALLS])
+        + drivers(9)
+        + GOOD * 3
+        + b"\0"
+        + GOOD
+        + b"\x05\x03"
+        + GOOD * 3
+        + segment(system(1, ALARM) + system(3, ALARM) + change(0, b"\1\0")),
+        UNCUT + bytes([COPY]) + drivers(1, 2) + drivers(3) + GOOD * 3 + b"\1",
+        UNCUT + bytes([COPY]) + drivers(1) + b"\x80" + segment(b"Z\0\1\0\2\0") + GOOD * 3 + b"\2",
+        UNCUT + bytes([CURRENT | ALARM_CALLS]) + drivers(5, 6) + drivers() + GOOD * 3 + b"\1\1" + cut(9) + GOOD * 2,
+        UNCUT + bytes([HELLO]) + b"\x80" + segment(b"") + GOOD * 3 + b"\0" + GOOD,
+        UNCUT + bytes([NO_COPY]) + drivers(1) + GOOD + GOOD + other(b"0"),
+        UNCUT + bytes([NO_COPY]) + drivers(1) + GOOD + cut(40),
+        UNCUT + bytes([NO_COPY]) + drivers(1) + other(b"0"),
+        UNCUT + bytes([NO_COPY]) + drivers(1, 1) + GOOD + GOOD + NOTHING,
+        CLOSED + bytes([NO_COPY]) + drivers(1, 1) + GOOD * 3 + b"\0" + cut(45),
+    ],
+    # How it begins (nothing, open, open at a relay centre, register), size of pieces, what the client sends.
+    "requests": [
+        b"\0\x03"
+        + b"9user\0password\0"
+        + b"L"
+        + name("炉膛温度")
+        + name("A", 2)
+        + counted(b"H", address(0), address(1, 2)),
+        b"\0\x01" + b"L" + name("A") + name("B") + name("C", 1) + b"L" + name("D") + b"3n" + b"d" + bytes(range(8)),
+        b"\0\x05" + counted(b"b", *(address(tag) + b"\0" for tag in range(9))) + counted(b"g"),
+        b"\0\x07"
+        + counted(b"g", *(address(kind) + typed(kind, b"1" * size) for kind, size in WIDTHS.items()))
+        + counted(b"g", address(9) + typed(8, b"text\0"), address(0x2020, 0x2020) + typed(0, b""))
+        + counted(b"g", address(0) + typed(0x2003, b"")),
+        b"\0\x0b4RecData/drvinfo.dat\r\nLastTime:5F5E100\r\nSize:1F\r\ngzTime:1\r\ngzSize:2\r\nHello:Yes\r\n\r\n"
+        + b"4a\r\n\r\n",
+        b"\0\xff" + b"L" + name("A") + name("n" * 1022) + name("m" * 1023) + b"3",
+        b"\0\xfe" + b"9" + b"u" * 4093 + b"\0\0" + b"9" + b"u" * 4094 + b"\0\0",
+        b"\0\xfd"
+        + counted(b"g", *(address(0) + typed(8, b"t" * 4000 + b"\0"),) * 4, address(0) + typed(8, b"t" * 400 + b"\0")),
+        b"\x01\x02" + b"7" + scramble(bytes(range(16))) + b"9u\0\0",
+        b"\x02\x04" + b"7" + scramble(bytes(22) + b"plant\0") + b"3",
+        b"\x03\x06" + b"8" + scramble(bytes(16) + b"host\0\1\1") + b"ignored",
+    ],
+    "project": [
+        (Path(__file__).parents[2] / "sim" / "demo.toml").read_bytes(),
+        b'[[driver]]\nname="D"\nperiod_ms=5\n'
+        + b"".join(
+            b'[[driver.tag]]\nname="%s"\ntype="%s"\n' % (kind, kind)
+            for kind in b"i1 i2 i4 i8 int ui1 ui2 ui4 uint r4 r8 bool str date empty".split()
+        ),
+        b'[[driver]]\nname="D"\n[[driver.tag]]\nname="T%05d"\ncount=9\nfirst=7\n'
+        b'motion={kind="ramp",low=-1e308,high=1e308,step=1e308,bounce=true}\n'
+        b'[[driver.tag]]\nname="W"\ntype="i1"\nmotion={kind="random",low=0,high=900,step=300}\n'
+        b'[[driver.tag]]\nname="S"\ntype="i8"\nmotion={kind="sine",low=-9e18,high=9.3e18,cycle_s=0.5,phase=1e300}\n'
+        b'[[driver.tag]]\nname="F"\ntype="str"\nmotion={kind="echo",of="S"}\n',
+        b'[[driver]]\nname="D"\n[[driver.tag]]\nname="A"\ntype="date"\nvalue=2024-05-06T07:08:09\n'
+        b'motion={kind="cycle",values=[2024-05-06,1.5,1899-12-30]}\n'
+        b'[[alarm]]\ndriver="D"\ntag="A"\nhigh=1\nlow=-1\ndead_band=2\ntype="t"\ngroup="g"\nname="n"\nlevel=255\n'
+        b'[alarm_lists]\ntexts=["a","b"]\ntags=["c"]\n',
+        b'[project]\nname="p"\ntitle="t"\ntime=2024-05-06T07:08:09+01:00\nproject_path="/p/"\n'
+        b'[server]\nblock_size=1\npieces=3\nrefuse="open"\nsystem_notifications=[2,4,22,255]\nsend_limit_kb=64\n'
+        b'[[user]]\nname="u"\npassword="p"\nrights=0xFFFFFFFF\n'
+        b'[[relay]]\nname="a"\ntarget="10.0.0.5:8000"\n[[relay]]\nname="b"\nredirect="10.0.0.5:81"\n[[relay]]\nname="c"\n'
+        b'[[file]]\nname="f"\nhex="00 ff"\nrepeat=3\ngz=true\nappend=true\nuse_last=false\nwindows=true\n'
+        b'[[file]]\nname="RecData/x"\ngb2312="\xe7\x82\x89"\nabsent=true\ntime=1970-01-01T00:00:00Z\n',
+        b'[[driver]]\nname="\xc2\xb7"\n[[driver]]\nname="\xe2\x80\x94"\n[[driver]]\nname="\xc3\xb6"\n',
+        b"x = [1, 2\n",
+        b'[[driver]]\nname="D"\nnmae="E"\n',
     ],
     "cipher": [b"", b"8", bytes(range(16)), bytes(60), bytes(range(61))],
 }
