@@ -4,9 +4,15 @@
 
 #include "ProjectLoader.h"
 
-#include <toml++/toml.h>
-
 #include <set>
+
+// The library asserts that a key begins with a character of keys before it has looked, and says what is wrong
+// where it looks: without its assertions a project file with [%] is refused, with them it ends the program.
+#define TOML_ASSERT(expr) static_cast<void>(0)
+#pragma push_macro("NDEBUG") // with it, compilers are told to rely on the same
+#undef NDEBUG
+#include <toml++/toml.h>
+#pragma pop_macro("NDEBUG")
 
 class CTomlTable
 {
