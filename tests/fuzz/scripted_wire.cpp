@@ -7,6 +7,7 @@
 #include <poll.h>
 #include <sys/socket.h>
 #include <time.h>
+#include <unistd.h>
 
 namespace {
 
@@ -28,6 +29,7 @@ int __real_nanosleep(const timespec* pTime, timespec* pLeft);
 int __real_poll(pollfd* pEntries, nfds_t nEntries, int nMs);
 ssize_t __real_recv(int fd, void* pBuf, size_t nLen, int nFlags);
 ssize_t __real_send(int fd, const void* pBuf, size_t nLen, int nFlags);
+int __real_usleep(useconds_t nUs);
 
 int __wrap_connect(int fd, const sockaddr* pAddr, socklen_t nLen)
 {
@@ -46,6 +48,14 @@ int __wrap_nanosleep(const timespec* pTime, timespec* pLeft)
     if (!g_pCurrent)
         return __real_nanosleep(pTime, pLeft);
     g_pCurrent->Pass(std::chrono::seconds(pTime->tv_sec) + std::chrono::nanoseconds(pTime->tv_nsec));
+    return 0;
+}
+
+int __wrap_usleep(useconds_t nUs)
+{
+    if (!g_pCurrent)
+        return __real_usleep(nUs);
+    g_pCurrent->Pass(std::chrono::microseconds(nUs));
     return 0;
 }
 
