@@ -36,14 +36,13 @@ bool IsModest(const toml::node& node, std::string_view key)
     return true;
 }
 
-/// The library's table of blanks has a hole: what it does with U+00A1 to U+0499 where a blank could stand is
+/// The library's table of blanks has holes: what it does with some characters where a blank could stand is
 /// undefined. Quoted texts are not looked at like that.
 bool HasStrayLetter(std::string_view text)
 {
     bool bQuoted = false;
     for (const char ch : text) {
-        const auto b = static_cast<BYTE>(ch);
-        if (!bQuoted && b >= 0xC2 && b <= 0xD2)
+        if (!bQuoted && ch & 0x80)
             return true;
         bQuoted = ch == '"' ? !bQuoted : bQuoted && ch != '\n';
     }
