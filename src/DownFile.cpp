@@ -1,33 +1,28 @@
 // The download exchange of DownFile.h.
 #include "DownFile.h"
 
-#include "Silence.h"
-#include "XFile.h"
+#include "MirrorDir.h"
 
 #include <algorithm>
 #include <array>
+#include <charconv>
 #include <chrono>
 #include <cstdio>
-#include <cstdlib>
-#include <cstring>
-#include <fcntl.h>
+#include <limits>
 #include <optional>
-#include <span>
+#include <string_view>
 #include <strings.h>
 #include <sys/stat.h>
 #include <thread>
-#include <unistd.h>
-#include <utime.h>
 
 namespace {
 
 constexpr int CHUNK_SIZE = 2048;
 constexpr int VAR_MAX = 63;
 constexpr int PROP_MAX = 255;
-constexpr UINT TIME_TOLERANCE = 3; // seconds either way
-constexpr int OPEN_REPLACE = O_WRONLY | O_CREAT | O_TRUNC;
-constexpr int OPEN_APPEND = O_WRONLY | O_CREAT;
-constexpr auto SILENCE_STEP = std::chrono::milliseconds(10);
+constexpr UINT TIME_TOLERANCE = 3;    // seconds either way
+constexpr long DEFAULT_PERIOD = 8000; // ms, for a socket without a receive time-out
+constexpr auto EMPTY_STEP = std::chrono::milliseconds(10);
 
 /// The acknowledged window: large at first so that most files need no acknowledgement, then ever smaller.
 class CWindow
@@ -60,27 +55,54 @@ private:
     bool m_bHello;
 };
 
-/// Local names of one file, in UTF-8 for the system.
-struct SLocalNames
+/// Holds a transfer to its pace: MIN_PROGRESS bytes in every period, of which the first begins here.
+class CPace
 {
-    SLocalNames(LPCSTR szPath, LPCSTR szFileName)
+public:
+    explicit CPace(CSyncSocket& sock) : m_sock(sock)
     {
-        CString strUtf8;
-        CString(std::string(szPath) + szFileName).ToUtf8(strUtf8);
-        strFile = strUtf8;
-        strGz = strFile + ".gz";
+        long nMs = 0;
+        if (!sock.GetRecvTimeOut(nMs) || nMs <= 0)
+            nMs = DEFAULT_PERIOD;
+        m_period = std::chrono::milliseconds(nMs);
+        Begin();
     }
-    std::string strFile;
-    std::string strGz;
+    ~CPace() { m_sock.SetLimit(std::nullopt); }
+    CPace(const CPace&) = delete;
+    CPace& operator=(const CPace&) = delete;
+
+    bool IsKept() const { return CSyncSocket::Clock::now() < m_until; }
+    void Add(int nBytes)
+    {
+        m_nBytes += static_cast<size_t>(nBytes);
+        if (m_nBytes >= MIN_PROGRESS)
+            Begin();
+    }
+
+private:
+    void Begin()
+    {
+        m_nBytes = 0;
+        m_until = CSyncSocket::Clock::now() + m_period;
+        m_sock.SetLimit(m_until);
+    }
+
+    CSyncSocket& m_sock;
+    std::chrono::milliseconds m_period{};
+    CSyncSocket::Clock::time_point m_until;
+    size_t m_nBytes = 0;
 };
 
-std::optional<struct stat> StatFile(const std::string& strPath)
+/// A local copy, open from the moment on at which the request speaks of it.
+struct SCopy
 {
-    struct stat st;
-    if (::stat(strPath.c_str(), &st) != 0)
-        return std::nullopt;
-    return st;
-}
+    SCopy(const CMirrorDir& dir, const std::string& strName) : eFound(dir.OpenFile(strName, file, st)) {}
+    bool IsThere() const { return eFound == EMirror::Found; }
+
+    XFile file;
+    struct stat st = {};
+    EMirror eFound;
+};
 
 void AppendCopyLines(std::string& strReq, const char* szFormat, const struct stat& st)
 {
@@ -90,69 +112,10 @@ void AppendCopyLines(std::string& strReq, const char* szFormat, const struct sta
     strReq += text.data();
 }
 
-std::string BuildRequest(LPCSTR szFileName, char nCode, LPCSTR szAddP2p,
-                         const std::optional<struct stat>& local, const std::string& strGz)
-{
-    std::string strReq(1, nCode);
-    if (szAddP2p)
-        strReq += szAddP2p;
-    strReq.append(szFileName).append("\r\n");
-    if (local)
-        AppendCopyLines(strReq, "LastTime:%X\r\nSize:%X\r\n", *local);
-    if (const auto gz = StatFile(strGz))
-        AppendCopyLines(strReq, "gzTime:%X\r\ngzSize:%X\r\n", *gz);
-    return strReq + "Hello:Yes\r\n\r\n";
-}
-
 bool IsCurrent(const struct stat& st, unsigned long mtime, unsigned long size)
 {
     const UINT nApart = static_cast<UINT>(st.st_mtime) - static_cast<UINT>(mtime) + TIME_TOLERANCE;
-    return nApart <= 2 * TIME_TOLERANCE && static_cast<unsigned long>(st.st_size) == size;
-}
-
-void SendHello(CSyncSocket& sock, char nCode, int nTotal)
-{
-    std::array<char, 32> text;
-    const int nLen = std::snprintf(text.data(), text.size(), "%cHello%X", nCode, static_cast<UINT>(nTotal));
-    static_cast<void>(sock._Send(text.data(), nLen + 1, 0));
-}
-
-struct SBody
-{
-    CSyncSocket& sock;
-    XFile& file;
-    char nCode;
-    IGetFileCB* pGetFileCB;
-};
-
-/// Receives the rest of the body. Gives the size of the last chunk, or nothing when the transfer failed.
-std::optional<int> ReceiveBody(const SBody& body, CWindow window, uint64_t nRemaining, bool& bSurplus)
-{
-    std::array<char, CHUNK_SIZE> chunk;
-    CSilence silence(body.sock);
-    for (;;) {
-        if (window.IsFull()) {
-            SendHello(body.sock, body.nCode, window.Total());
-            window.Next();
-        }
-        const int nGot = body.sock._Recv(chunk.data(), window.Want(), 0);
-        if (nGot < 0 || (nGot == 0 && silence.TooLong()))
-            return std::nullopt;
-        if (nGot == 0) {
-            std::this_thread::sleep_for(SILENCE_STEP);
-            continue;
-        }
-        silence.Heard();
-        body.file.Write(chunk.data(), static_cast<UINT>(nGot));
-        if (nRemaining <= static_cast<uint64_t>(nGot)) {
-            bSurplus = nRemaining < static_cast<uint64_t>(nGot);
-            return nGot;
-        }
-        if (body.pGetFileCB)
-            body.pGetFileCB->OnProgress(nGot, false);
-        nRemaining -= static_cast<uint64_t>(nGot);
-        window.Add(nGot);
-    }
+    return nApart <= 2 * TIME_TOLERANCE && static_cast<unsigned long>(st.st_size) == size && !IsPartOnly(st);
 }
 
 bool SaysYes(const char* szValue)
@@ -160,11 +123,28 @@ bool SaysYes(const char* szValue)
     return ::strncasecmp(szValue, "Yes", 3) == 0;
 }
 
-void SetField(SCFileInfo& fi, const char* szName, const char* szValue)
+/// What is no number, or does not fit, becomes the largest there is.
+uint64_t HexNumber(std::string_view value)
+{
+    if (value.starts_with("0x") || value.starts_with("0X"))
+        value.remove_prefix(2);
+    uint64_t n = 0;
+    const auto eError = std::from_chars(value.data(), value.data() + value.size(), n, 16).ec;
+    return eError == std::errc() ? n : std::numeric_limits<uint64_t>::max();
+}
+
+time_t FileTime(const char* szValue)
+{
+    const uint64_t n = HexNumber(szValue);
+    return n <= static_cast<uint64_t>(std::numeric_limits<time_t>::max()) ? static_cast<time_t>(n) : 0;
+}
+
+/// False for a name that no header has.
+bool SetField(SCFileInfo& fi, const char* szName, const char* szValue)
 {
     const auto is = [&](const char* sz) { return ::strcasecmp(szName, sz) == 0; };
     if (is("Size"))
-        fi.dwSize = std::strtoul(szValue, nullptr, 16);
+        fi.dwSize = HexNumber(szValue);
     else if (is("UseLast"))
         fi.bUseLast = SaysYes(szValue);
     else if (is("Exist"))
@@ -172,19 +152,29 @@ void SetField(SCFileInfo& fi, const char* szName, const char* szValue)
     else if (is("GZ"))
         fi.bGZ = SaysYes(szValue);
     else if (is("FileTime"))
-        fi.tt = static_cast<time_t>(std::strtoul(szValue, nullptr, 16));
+        fi.tt = FileTime(szValue);
     else if (is("FileName"))
         fi.strName = szValue;
     else if (is("Append"))
         fi.bAppend = SaysYes(szValue);
     else if (is("Hello"))
         fi.bHello = SaysYes(szValue);
+    else
+        return false;
+    return true;
 }
+
+enum class EHeader
+{
+    Cut,   // more of it must come
+    Whole, // its empty line has been seen, and one of its lines says something
+    Bad,   // cannot become a header
+};
 
 struct SHeader
 {
-    int nEnd;    // where the body begins
-    bool bWhole; // its empty line has been seen: nothing of it is still on its way
+    EHeader eState = EHeader::Bad;
+    int nEnd = 0; // where the body begins
 };
 
 SHeader ReadHeader(const char* buf, int nLen, SCFileInfo& fi)
@@ -193,37 +183,195 @@ SHeader ReadHeader(const char* buf, int nLen, SCFileInfo& fi)
     std::array<char, PROP_MAX + 1> prop;
     int nLine = 0;
     int nPos = 0;
+    bool bSays = false;
     while (ReadHttpCont(buf, nPos, nLen, var.data(), VAR_MAX, prop.data(), PROP_MAX)) {
-        SetField(fi, var.data(), prop.data());
+        bSays = SetField(fi, var.data(), prop.data()) || bSays;
         nLine = nPos;
     }
-    return {nPos, nPos > nLine && buf[nPos - 1] == '\n'};
+    if (nPos > nLine && buf[nPos - 1] == '\n')
+        return {bSays ? EHeader::Whole : EHeader::Bad, nPos};
+    return {nPos < nLen ? EHeader::Bad : EHeader::Cut, nPos};
 }
 
-/// Stores the body behind the header in the target file and gives it the server's time, whole or not.
-EDownload StoreBody(const SBody& body, std::span<const char> first, const SHeader& header,
-                    const SCFileInfo& fi, bool bRelay, const std::string& strTarget)
+enum class EBody
 {
-    if (fi.bAppend)
-        body.file.Seek(0, SEEK_END);
-    const auto nBody = first.size() - static_cast<size_t>(header.nEnd);
-    if (nBody > 0)
-        body.file.Write(first.data() + header.nEnd, static_cast<UINT>(nBody));
-    std::optional<int> nLast = static_cast<int>(first.size());
-    // More than was announced is an over-long body: complete already, with who knows what behind it.
-    bool bSurplus = nBody > fi.dwSize;
-    if (fi.dwSize > nBody) {
-        const CWindow window(bRelay, fi.bHello, static_cast<int>(first.size()));
-        nLast = ReceiveBody(body, window, fi.dwSize - nBody, bSurplus);
+    Whole,
+    Broken,  // stopped before its end
+    Surplus, // more has come than was announced
+};
+
+/// One exchange.
+class CDownload
+{
+public:
+    CDownload(CSyncSocket& sock, char nCode, IGetFileCB* pGetFileCB, const std::string& strPath)
+        : m_sock(sock), m_nCode(nCode), m_pGetFileCB(pGetFileCB), m_strName(FileNameOf(strPath)),
+          m_dir(CMirrorDir::Of(strPath, RKDB_MIRROR_ROOT)), m_copy(m_dir, m_strName),
+          m_gz(m_dir, m_strName + ".gz")
+    {
     }
-    body.file.Close();
-    const utimbuf times{fi.tt, fi.tt};
-    static_cast<void>(::utime(strTarget.c_str(), &times));
-    if (nLast && body.pGetFileCB)
-        body.pGetFileCB->OnProgress(*nLast, true);
-    if (!nLast)
+
+    bool IsTrusted() const { return m_copy.eFound != EMirror::Refused && m_gz.eFound != EMirror::Refused; }
+    bool HasCurrent(unsigned long mtime, unsigned long size) const
+    {
+        return m_copy.IsThere() && IsCurrent(m_copy.st, mtime, size);
+    }
+    EDownload Ask(LPCSTR szFileName, LPCSTR szAddP2p);
+    /// The copy that an exchange which is complete has found right.
+    XFile& Copy() noexcept { return m_copy.file; }
+
+private:
+    std::string Request(LPCSTR szFileName, LPCSTR szAddP2p) const;
+    bool ReceiveHeader(CPace& pace);
+    EDownload KeepCopy();
+    EDownload Fetch(CPace& pace, bool bRelay);
+    EBody ReceiveBody(CPace& pace, CWindow window, CNewFile& file, uint64_t nLeft);
+    EDownload Store(CNewFile& file, EBody eBody);
+    void SendHello(int nTotal);
+    void Tell(const CNewFile& file, int nBytes, bool bFinished);
+
+    CSyncSocket& m_sock;
+    char m_nCode;
+    IGetFileCB* m_pGetFileCB;
+    std::string m_strName;
+    CMirrorDir m_dir;
+    SCopy m_copy;
+    SCopy m_gz;
+    SCFileInfo m_fi;
+    std::array<char, CHUNK_SIZE> m_chunk{};
+    int m_nLen = 0;    // bytes in it
+    int m_nHeader = 0; // those of them that are the header
+};
+
+std::string CDownload::Request(LPCSTR szFileName, LPCSTR szAddP2p) const
+{
+    std::string strReq(1, m_nCode);
+    if (szAddP2p)
+        strReq += szAddP2p;
+    strReq.append(szFileName).append("\r\n");
+    if (m_copy.IsThere())
+        AppendCopyLines(strReq, "LastTime:%X\r\nSize:%X\r\n", m_copy.st);
+    if (m_gz.IsThere())
+        AppendCopyLines(strReq, "gzTime:%X\r\ngzSize:%X\r\n", m_gz.st);
+    return strReq + "Hello:Yes\r\n\r\n";
+}
+
+EDownload CDownload::Ask(LPCSTR szFileName, LPCSTR szAddP2p)
+{
+    const std::string strReq = Request(szFileName, szAddP2p);
+    CPace pace(m_sock);
+    if (m_sock._Send(strReq.data(), static_cast<int>(strReq.size()), 0) < 1 || !ReceiveHeader(pace))
         return EDownload::Failed;
-    return bSurplus || !header.bWhole ? EDownload::Leftover : EDownload::Complete;
+    if (m_fi.bExist && !m_fi.bUseLast)
+        return Fetch(pace, szAddP2p != nullptr);
+    return m_nHeader < m_nLen ? EDownload::Failed : KeepCopy();
+}
+
+/// Its end may be followed by the beginning of the body. False when it does not become a header.
+bool CDownload::ReceiveHeader(CPace& pace)
+{
+    while (m_nLen < CHUNK_SIZE && pace.IsKept()) {
+        const int nGot = m_sock._Recv(m_chunk.data() + m_nLen, CHUNK_SIZE - m_nLen, 0);
+        if (nGot < 1)
+            return false;
+        m_nLen += nGot;
+        m_fi = {};
+        const SHeader header = ReadHeader(m_chunk.data(), m_nLen, m_fi);
+        m_nHeader = header.nEnd;
+        if (header.eState != EHeader::Cut)
+            return header.eState == EHeader::Whole;
+    }
+    return false;
+}
+
+/// There is no body: the file does not exist, or the copy is said to be current.
+EDownload CDownload::KeepCopy()
+{
+    const bool bPart = m_copy.IsThere() && IsPartOnly(m_copy.st);
+    if (!m_fi.bExist || bPart) {
+        m_copy.file.Close();
+        // A part that the server takes for the whole file must go, or it would be named again next time.
+        return m_dir.Remove(m_strName) && !m_fi.bExist ? EDownload::Complete : EDownload::NotStored;
+    }
+    return m_copy.IsThere() || m_gz.IsThere() ? EDownload::Complete : EDownload::NotStored;
+}
+
+EDownload CDownload::Fetch(CPace& pace, bool bRelay)
+{
+    SCopy& old = m_fi.bGZ ? m_gz : m_copy;
+    const bool bAppend = m_fi.bAppend && old.IsThere();
+    const auto nOld = bAppend ? static_cast<uint64_t>(old.st.st_size) : 0;
+    const auto nBody = static_cast<uint64_t>(m_nLen - m_nHeader);
+    if (nOld > MAX_DOWNLOAD_SIZE || m_fi.dwSize > MAX_DOWNLOAD_SIZE - nOld || nBody > m_fi.dwSize)
+        return EDownload::Failed;
+    CNewFile file(m_dir, m_strName + (m_fi.bGZ ? ".gz" : ""));
+    // What cannot be written is read all the same: the connection stays clean.
+    if (file.Begin() && bAppend)
+        file.Append(old.file);
+    file.Write(m_chunk.data() + m_nHeader, static_cast<size_t>(nBody));
+    pace.Add(m_nLen);
+    EBody eBody = EBody::Whole;
+    if (nBody < m_fi.dwSize)
+        eBody = ReceiveBody(pace, CWindow(bRelay, m_fi.bHello, m_nLen), file, m_fi.dwSize - nBody);
+    return Store(file, eBody);
+}
+
+EBody CDownload::ReceiveBody(CPace& pace, CWindow window, CNewFile& file, uint64_t nLeft)
+{
+    while (pace.IsKept()) {
+        if (window.IsFull()) {
+            SendHello(window.Total());
+            window.Next();
+        }
+        const int nGot = m_sock._Recv(m_chunk.data(), window.Want(), 0);
+        if (nGot < 0)
+            return EBody::Broken;
+        if (nGot == 0) {
+            std::this_thread::sleep_for(EMPTY_STEP);
+            continue;
+        }
+        if (static_cast<uint64_t>(nGot) > nLeft)
+            return EBody::Surplus;
+        file.Write(m_chunk.data(), static_cast<size_t>(nGot));
+        nLeft -= static_cast<uint64_t>(nGot);
+        m_nLen = nGot;
+        if (nLeft == 0)
+            return EBody::Whole;
+        Tell(file, nGot, false);
+        pace.Add(nGot);
+        window.Add(nGot);
+    }
+    return EBody::Broken;
+}
+
+EDownload CDownload::Store(CNewFile& file, EBody eBody)
+{
+    if (eBody == EBody::Surplus)
+        return EDownload::Failed;
+    const bool bPlaced = file.Place(m_fi.tt, eBody == EBody::Whole);
+    if (eBody == EBody::Broken)
+        return EDownload::Failed;
+    if (!bPlaced)
+        return EDownload::NotStored;
+    if (!m_fi.bGZ && file.File().Seek(0, SEEK_SET))
+        m_copy.file = std::move(file.File());
+    else if (IsPartOnly(m_copy.st))
+        m_copy.file.Close();
+    Tell(file, m_nLen, true);
+    return EDownload::Complete;
+}
+
+void CDownload::SendHello(int nTotal)
+{
+    std::array<char, 32> text;
+    const int nLen = std::snprintf(text.data(), text.size(), "%cHello%X", m_nCode, static_cast<UINT>(nTotal));
+    static_cast<void>(m_sock._Send(text.data(), nLen + 1, 0));
+}
+
+void CDownload::Tell(const CNewFile& file, int nBytes, bool bFinished)
+{
+    if (m_pGetFileCB && file.IsGood())
+        m_pGetFileCB->OnProgress(nBytes, bFinished);
 }
 
 } // namespace
@@ -268,32 +416,16 @@ int GetFile(LPCSTR szFileName, CSyncSocket& sock, char nCode, LPCSTR szPath, uns
 }
 
 EDownload DownloadFile(LPCSTR szFileName, CSyncSocket& sock, char nCode, LPCSTR szPath, unsigned long mtime,
-                       unsigned long size, IGetFileCB* pGetFileCB, LPCSTR szAddP2p)
+                       unsigned long size, IGetFileCB* pGetFileCB, LPCSTR szAddP2p, XFile* pCopy)
 {
-    const SLocalNames names(szPath, szFileName);
-    const auto local = StatFile(names.strFile);
-    if (local && IsCurrent(*local, mtime, size))
-        return EDownload::Complete;
-    const std::string strReq = BuildRequest(szFileName, nCode, szAddP2p, local, names.strGz);
-    if (sock._Send(strReq.data(), static_cast<int>(strReq.size()), 0) < 1)
-        return EDownload::Failed;
-    std::array<char, CHUNK_SIZE> chunk;
-    const int nLen = sock._Recv(chunk.data(), CHUNK_SIZE, 0);
-    if (nLen < 1)
-        return EDownload::Failed;
-    SCFileInfo fi;
-    const SHeader header = ReadHeader(chunk.data(), nLen, fi);
-    const auto eHeaderOnly = header.bWhole && header.nEnd == nLen ? EDownload::Complete : EDownload::Leftover;
-    if (!fi.bExist) {
-        static_cast<void>(::remove(names.strFile.c_str()));
-        return eHeaderOnly;
-    }
-    if (fi.bUseLast)
-        return eHeaderOnly;
-    const std::string& strTarget = fi.bGZ ? names.strGz : names.strFile;
-    XFile file;
-    if (!file.OpenA(strTarget.c_str(), fi.bAppend ? OPEN_APPEND : OPEN_REPLACE, false))
-        return EDownload::Leftover;
-    const std::span<const char> first(chunk.data(), static_cast<size_t>(nLen));
-    return StoreBody({sock, file, nCode, pGetFileCB}, first, header, fi, szAddP2p != nullptr, strTarget);
+    CString strUtf8;
+    CString(std::string(szPath) + szFileName).ToUtf8(strUtf8);
+    CDownload download(sock, nCode, pGetFileCB, strUtf8);
+    if (!download.IsTrusted())
+        return EDownload::NotStored;
+    const bool bCurrent = download.HasCurrent(mtime, size);
+    const EDownload eResult = bCurrent ? EDownload::Complete : download.Ask(szFileName, szAddP2p);
+    if (pCopy && eResult == EDownload::Complete)
+        *pCopy = std::move(download.Copy());
+    return eResult;
 }

@@ -8,6 +8,7 @@
 //   n + 3   2      tagNum, little-endian
 #pragma once
 
+#include "MirrorDir.h"
 #include "WireReader.h"
 #include "XFile.h"
 #include "cstring.h"
@@ -44,25 +45,45 @@ inline std::optional<std::pair<CString, SNDrvInfo>> ReadDrvInfo(CWireReader& rea
 
 /// Ids are 16-bit, so no honest directory comes near this; a larger file is not read at all.
 constexpr int64_t MAX_DRVINFO_SIZE = 32 << 20;
+constexpr size_t MAX_DRVINFO_ENTRIES = 65536;
 
-/// Reads the local driver directory into the map: entries are added or overwritten and their pDriver is
-/// emptied. A file that is missing, unreadable or too short for a record leaves the map as it is.
-template <class TInfo> void LoadPrjDrvInfo(const CString& strPrjPath, std::map<CString, TInfo>& mapDrvInfos)
+/// Reads a driver directory into the map: entries are added or overwritten and their pDriver is emptied;
+/// names beyond the bound are left out. False when the file cannot be read. One too short for a record holds
+/// none.
+template <class TInfo> bool ReadDrvInfos(XFile& file, std::map<CString, TInfo>& mapDrvInfos)
 {
-    XFile file;
-    if (!file.OpenT((strPrjPath + "RecData/drvinfo.dat").c_str(), 0, false))
-        return;
     const auto nSize = file.GetFileSize64();
     if (nSize <= 4 || nSize > MAX_DRVINFO_SIZE)
-        return;
+        return nSize <= 4;
     std::vector<BYTE> bytes(static_cast<size_t>(nSize));
-    const int nRead = file.Read(bytes.data(), static_cast<UINT>(nSize));
-    if (nRead <= 0)
-        return;
-    CWireReader reader(std::span<const BYTE>(bytes).first(static_cast<size_t>(nRead)));
-    while (auto record = ReadDrvInfo(reader)) {
-        TInfo& info = mapDrvInfos[std::move(record->first)];
-        static_cast<SNDrvInfo&>(info) = record->second;
-        info.pDriver = nullptr;
+    size_t nDone = 0;
+    for (int nRead = 0; nDone < bytes.size(); nDone += static_cast<size_t>(nRead)) {
+        nRead = file.Read(bytes.data() + nDone, static_cast<UINT>(bytes.size() - nDone));
+        if (nRead < 0)
+            return false;
+        if (nRead == 0)
+            break;
     }
+    CWireReader reader(std::span<const BYTE>(bytes).first(nDone));
+    while (auto record = ReadDrvInfo(reader)) {
+        auto it = mapDrvInfos.find(record->first);
+        if (it == mapDrvInfos.end() && mapDrvInfos.size() >= MAX_DRVINFO_ENTRIES)
+            continue;
+        if (it == mapDrvInfos.end())
+            it = mapDrvInfos.try_emplace(std::move(record->first)).first;
+        static_cast<SNDrvInfo&>(it->second) = record->second;
+        it->second.pDriver = nullptr;
+    }
+    return true;
+}
+
+/// The same for the directory file of a project's local folder. A file that is missing holds no records; one
+/// that is there but cannot be read, or is not to be trusted, gives false and leaves the map as it is.
+template <class TInfo> bool LoadPrjDrvInfo(const CString& strPrjPath, std::map<CString, TInfo>& mapDrvInfos)
+{
+    CString strUtf8;
+    CString(strPrjPath + "RecData/drvinfo.dat").ToUtf8(strUtf8);
+    XFile file;
+    const EMirror eFound = OpenMirrorFile(strUtf8, file);
+    return eFound == EMirror::Found ? ReadDrvInfos(file, mapDrvInfos) : eFound == EMirror::Missing;
 }

@@ -1,41 +1,49 @@
 // The project directory of a connection: the server's own when it runs here, else a private mirror.
 #include "ClientSock.h"
 
+#include "MirrorDir.h"
 #include "WireReader.h"
 
 #include <algorithm>
 #include <array>
 #include <cstdio>
 #include <string_view>
-#include <sys/stat.h>
 
 namespace {
 
-constexpr mode_t MIRROR_MODE = 0700;
 constexpr size_t PATH_REPLY_SIZE = 2048;
 
 /// "无法获取工程路径": the project path could not be obtained. In GB2312, as all text is in here.
 constexpr const char* NO_PRJ_PATH = "\xCE\xDE\xB7\xA8\xBB\xF1\xC8\xA1\xB9\xA4\xB3\xCC\xC2\xB7\xBE\xB6";
+/// "无法建立本地工程目录": the local project folder could not be made.
+constexpr const char* NO_MIRROR =
+    "\xCE\xDE\xB7\xA8\xBD\xA8\xC1\xA2\xB1\xBE\xB5\xD8\xB9\xA4\xB3\xCC\xC4\xBF\xC2\xBC";
 
 struct SMirrorDir
 {
+    const char* szFolder; // null: in the project's folder itself
     const char* szName;
-    bool bChmod; // its mode must hold whatever the umask is
+    EMake eMake;
 };
 
 constexpr std::array MIRROR_DIRS{
-    SMirrorDir{"Window/", false},  SMirrorDir{"3DWnd/", false},        SMirrorDir{"Report/", false},
-    SMirrorDir{"CtmGph/", false},  SMirrorDir{"ScnDrv/", false},       SMirrorDir{"DBDrv/", false},
-    SMirrorDir{"Media/", false},   SMirrorDir{"SysCfg/", false},       SMirrorDir{"RecData/", false},
-    SMirrorDir{"ExtData/", false}, SMirrorDir{"RecData/Event/", true}, SMirrorDir{"RecData/Alarm2/", true},
+    SMirrorDir{nullptr, "Window", EMake::Yes},       SMirrorDir{nullptr, "3DWnd", EMake::Yes},
+    SMirrorDir{nullptr, "Report", EMake::Yes},       SMirrorDir{nullptr, "CtmGph", EMake::Yes},
+    SMirrorDir{nullptr, "ScnDrv", EMake::Yes},       SMirrorDir{nullptr, "DBDrv", EMake::Yes},
+    SMirrorDir{nullptr, "Media", EMake::Yes},        SMirrorDir{nullptr, "SysCfg", EMake::Yes},
+    SMirrorDir{nullptr, "RecData", EMake::Yes},      SMirrorDir{nullptr, "ExtData", EMake::Yes},
+    SMirrorDir{"RecData", "Event", EMake::AndClose}, SMirrorDir{"RecData", "Alarm2", EMake::AndClose},
 };
 
-/// An existing folder is reused, and one that cannot be made shows as a file that cannot be written.
-void MakeDir(const std::string& strPath, bool bChmod)
+/// False when one of the folders cannot be made, or is not to be trusted: then nothing below it is touched.
+bool MakeTree(const std::string& strHost, const std::string& strProject)
 {
-    static_cast<void>(::mkdir(strPath.c_str(), MIRROR_MODE));
-    if (bChmod)
-        static_cast<void>(::chmod(strPath.c_str(), MIRROR_MODE));
+    const CMirrorDir host = CMirrorDir::Root(RKDB_MIRROR_ROOT, true).Sub(strHost, EMake::AndClose);
+    const CMirrorDir project = host.Sub(strProject, EMake::AndClose);
+    return std::ranges::all_of(MIRROR_DIRS, [&project](const SMirrorDir& dir) {
+        return dir.szFolder ? project.Sub(dir.szFolder, EMake::No).Sub(dir.szName, dir.eMake).IsOpen()
+                            : project.Sub(dir.szName, dir.eMake).IsOpen();
+    });
 }
 
 bool IsPlainName(std::string_view name)
@@ -119,16 +127,11 @@ bool CClientSock::AfterConnect(LPCSTR szHost, const CString& strPrjName, CString
     CString strUtf8;
     strPrjName.ToUtf8(strUtf8);
     const SFolder host = HostFolder(szHost);
-    std::string strDir = RKDB_MIRROR_ROOT;
-    MakeDir(strDir, false);
-    strDir += host.strDisk;
-    MakeDir(strDir, true);
-    strDir += '/' + strUtf8;
-    MakeDir(strDir, true);
-    strDir.push_back('/');
+    if (!MakeTree(host.strDisk, strUtf8)) {
+        strErr = NO_MIRROR;
+        return false;
+    }
     // Folders on disk bear UTF-8 names, texts in here are GB2312 and become UTF-8 where a file is opened.
     m_strPrjPath = RKDB_MIRROR_ROOT + host.strText + '/' + strPrjName + '/';
-    for (const auto& dir : MIRROR_DIRS)
-        MakeDir(strDir + dir.szName, dir.bChmod);
     return true;
 }

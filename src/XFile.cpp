@@ -3,6 +3,7 @@
 
 #include "cstring.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -16,10 +17,15 @@ constexpr mode_t NEW_FILE_MODE = 0600;
 
 bool XFile::OpenA(LPCSTR path, int flags, bool)
 {
+    return OpenAt(AT_FDCWD, path, flags);
+}
+
+bool XFile::OpenAt(int hDir, LPCSTR name, int flags)
+{
     if (IsOpen())
         return true;
     do
-        m_fh = ::open(path, flags | O_CLOEXEC, flags & O_CREAT ? NEW_FILE_MODE : 0);
+        m_fh = ::openat(hDir, name, flags | O_CLOEXEC, flags & O_CREAT ? NEW_FILE_MODE : 0);
     while (m_fh == -1 && errno == EINTR);
     return m_fh != -1;
 }
@@ -55,6 +61,19 @@ int XFile::Write(const void* buf, UINT len)
         nWritten = ::write(m_fh, buf, len);
     while (nWritten < 0 && errno == EINTR);
     return static_cast<int>(nWritten);
+}
+
+bool XFile::WriteAll(const void* buf, size_t len)
+{
+    const auto* pFrom = static_cast<const BYTE*>(buf);
+    while (len > 0) {
+        const int nWritten = Write(pFrom, static_cast<UINT>(std::min<size_t>(len, 1 << 20)));
+        if (nWritten < 1)
+            return false;
+        pFrom += nWritten;
+        len -= static_cast<size_t>(nWritten);
+    }
+    return true;
 }
 
 int64_t XFile::GetFileSize64() const

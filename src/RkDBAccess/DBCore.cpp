@@ -16,7 +16,6 @@
 #include <bit>
 #include <cctype>
 #include <chrono>
-#include <cstdio>
 #include <set>
 #include <strings.h>
 #include <thread>
@@ -150,10 +149,12 @@ EConnect CDBCore::Login(LPCSTR szUserName, LPCSTR szPassword, DWORD& nRights)
 EConnect CDBCore::LoadDrivers(const SNAckRegReq& ack)
 {
     const SNFileInfo info{FromBigEndian(ack.dif_time), FromBigEndian(ack.dif_size)};
-    if (!GetPrjFile(DRVINFO_FILE, {{CString(DRVINFO_KEY), info}}))
+    XFile copy;
+    if (FetchPrjFile(DRVINFO_FILE, {{CString(DRVINFO_KEY), info}}, &copy) != EDownload::Complete)
         return EConnect::Failed;
     std::map<CString, SNDrvInfoEx> mapDrvInfos;
-    LoadPrjDrvInfo(m_strPrjPath, mapDrvInfos);
+    if (!(copy.IsOpen() ? ReadDrvInfos(copy, mapDrvInfos) : LoadPrjDrvInfo(m_strPrjPath, mapDrvInfos)))
+        return EConnect::Failed;
     const CThreadGuard guard(m_lock);
     m_mapDrvInfos = std::move(mapDrvInfos);
     m_pDrivers.assign(m_mapDrvInfos.size(), nullptr);
@@ -227,8 +228,14 @@ void CDBCore::ClearDrivers()
 
 int CDBCore::GetPrjFile(const char* szFile, const std::map<CString, SNFileInfo>& mapFiles)
 {
+    return FetchPrjFile(szFile, mapFiles, nullptr) == EDownload::Failed ? 0 : 1;
+}
+
+EDownload CDBCore::FetchPrjFile(const char* szFile, const std::map<CString, SNFileInfo>& mapFiles,
+                                XFile* pCopy)
+{
     if (m_bLocalDB)
-        return 1;
+        return EDownload::Complete;
     CString strKey(szFile);
     for (char& ch : strKey)
         ch = static_cast<char>(static_cast<BYTE>(ch) < 0x80 ? std::tolower(ch) : ch);
@@ -240,18 +247,18 @@ int CDBCore::GetPrjFile(const char* szFile, const std::map<CString, SNFileInfo>&
     } else if (std::ranges::none_of(ALWAYS_SYNCED, begins)) {
         CString strUtf8;
         CString(m_strPrjPath + szFile).ToUtf8(strUtf8);
-        static_cast<void>(std::remove(strUtf8.c_str()));
-        return 1;
+        RemoveMirrorFile(strUtf8);
+        return EDownload::Complete;
     }
     CExchange exchange(*this);
     if (!exchange.IsOpen())
-        return 0;
+        return EDownload::Failed;
     exchange.LiftLimit();
     const auto eResult = DownloadFile(szFile, m_reqSock, static_cast<char>(CMD_DOWNLOAD),
-                                      m_strPrjPath.c_str(), info.time, info.size, nullptr, nullptr);
-    if (eResult == EDownload::Complete)
+                                      m_strPrjPath.c_str(), info.time, info.size, nullptr, nullptr, pCopy);
+    if (eResult != EDownload::Failed)
         exchange.Succeed();
-    return eResult == EDownload::Failed ? 0 : 1;
+    return eResult;
 }
 
 CDBDriver* CDBCore::_GetDriver(const char* szName)

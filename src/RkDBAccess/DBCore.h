@@ -8,6 +8,7 @@
 
 #include "ClientSock.h"
 #include "DBDriver.h"
+#include "DownFile.h"
 #include "DrvInfo.h"
 #include "HeldAlarms.h"
 #include "NotifyWalk.h"
@@ -83,6 +84,8 @@ public:
     /// Brings the local copy of a project file up to date: 1 when it is as the server wants it, else 0. The
     /// map holds what the server lists, by lower-case name.
     int GetPrjFile(const char* szFile, const std::map<CString, SNFileInfo>& mapFiles);
+    /// The same with the download's own result and, when that is complete, the copy that it found right.
+    EDownload FetchPrjFile(const char* szFile, const std::map<CString, SNFileInfo>& mapFiles, XFile* pCopy);
     /// The driver of that GB2312 name, made on first use and owned here; null when there is none.
     CDBDriver* _GetDriver(const char* szName);
 
@@ -191,8 +194,10 @@ private:
     CDBCore* const m_p;
 };
 
-/// Reads the entries of a list file into strList, as UTF-8, unless strList has some. Empty lines are no
-/// entries.
+/// Appends the entries of a list file to strList, as UTF-8; entries beyond 65,536 are left out. Empty lines
+/// are no entries.
+void ReadStringList(XFile& file, CStringList& strList);
+/// The same for the file of that path, unless strList has entries.
 void InitStringList(const CString& strStrListPath, CStringList& strList);
 /// Calls a script for one alarm. Interpreter lock held.
 void FireRtAlarm(CPyCallback& rtAlarmNotifyFn, const S2RtAlarm2& alarm, const CStringList& textList,

@@ -4,6 +4,7 @@
 #include "DBCore.h"
 
 #include "DownFile.h"
+#include "MirrorDir.h"
 
 #include <algorithm>
 #include <array>
@@ -13,7 +14,8 @@
 namespace {
 
 constexpr size_t LINE_SIZE = 256; // of a list file, terminator included
-constexpr size_t HEAD_SIZE = 3;   // of an alarm notification
+constexpr size_t MAX_ENTRIES = 65536;
+constexpr size_t HEAD_SIZE = 3; // of an alarm notification
 constexpr const char* UNKNOWN_TEXT = "???";
 
 /// A naive datetime of local time. Null with an exception set when there is none.
@@ -50,24 +52,34 @@ void AppendLine(std::string& strLine, CStringList& strList)
 
 } // namespace
 
-void InitStringList(const CString& strStrListPath, CStringList& strList)
+void ReadStringList(XFile& file, CStringList& strList)
 {
-    if (!strList.empty())
-        return;
-    XFile file;
-    if (!file.OpenT(strStrListPath.c_str(), 0, false))
-        return;
     std::array<char, 4096> chunk;
     std::string strLine;
     for (int nRead = 0; (nRead = file.Read(chunk.data(), chunk.size())) > 0;) {
         for (const char ch : std::span(chunk).first(static_cast<size_t>(nRead))) {
-            if (ch == '\n')
-                AppendLine(strLine, strList);
-            else if (strLine.size() < LINE_SIZE - 1)
-                strLine.push_back(ch);
+            if (ch != '\n') {
+                if (strLine.size() < LINE_SIZE - 1)
+                    strLine.push_back(ch);
+                continue;
+            }
+            AppendLine(strLine, strList);
+            if (strList.size() >= MAX_ENTRIES)
+                return;
         }
     }
     AppendLine(strLine, strList);
+}
+
+void InitStringList(const CString& strStrListPath, CStringList& strList)
+{
+    if (!strList.empty())
+        return;
+    CString strUtf8;
+    strStrListPath.ToUtf8(strUtf8);
+    XFile file;
+    if (OpenMirrorFile(strUtf8, file) == EMirror::Found)
+        ReadStringList(file, strList);
 }
 
 void FireRtAlarm(CPyCallback& rtAlarmNotifyFn, const S2RtAlarm2& alarm, const CStringList& textList,
@@ -132,19 +144,23 @@ bool CDBCore::ReadActiveAlarms(std::vector<S2RtAlarm2>& alarms)
 /// Null when the connection has ended meanwhile.
 StringListPtr CDBCore::LoadStringList(const char* szFile)
 {
+    XFile copy;
     {
         CExchange exchange(*this);
         if (!exchange.IsOpen())
             return nullptr;
         exchange.LiftLimit();
         const auto eResult = DownloadFile(szFile, m_reqSock, static_cast<char>(CMD_DOWNLOAD),
-                                          m_strPrjPath.c_str(), 0, 0, nullptr, nullptr);
-        if (eResult != EDownload::Complete)
+                                          m_strPrjPath.c_str(), 0, 0, nullptr, nullptr, &copy);
+        if (eResult == EDownload::Failed)
             return nullptr;
         exchange.Succeed();
     }
     auto pList = std::make_shared<CStringList>();
-    InitStringList(CString(m_strPrjPath + szFile), *pList);
+    if (copy.IsOpen())
+        ReadStringList(copy, *pList);
+    else
+        InitStringList(CString(m_strPrjPath + szFile), *pList);
     return pList;
 }
 
