@@ -9,6 +9,7 @@
 #include <dirent.h>
 #include <fcntl.h>
 #include <memory>
+#include <sys/file.h>
 #include <unistd.h>
 #include <utility>
 #include <vector>
@@ -19,8 +20,6 @@ constexpr mode_t FOLDER_MODE = 0700;
 constexpr mode_t FILE_MODE = 0600;
 constexpr mode_t OTHERS_WRITE = S_IWGRP | S_IWOTH;
 constexpr int OPEN_FOLDER = O_PATH | O_DIRECTORY | O_CLOEXEC;
-/// A file that is being written is touched more often than this, by seconds, so an older one is left over.
-constexpr time_t LEFT_OVER_AFTER = 3600;
 constexpr int NAME_ATTEMPTS = 16;
 constexpr char TEMP_MARK = '~';
 
@@ -64,6 +63,16 @@ std::string TempName(const std::string& strName)
     std::snprintf(text.data(), text.size(), "%x-%x-%x", static_cast<unsigned>(::getpid()),
                   static_cast<unsigned>(::gettid()), ++nLast);
     return TempPrefix(strName) + text.data();
+}
+
+/// Locks a new file, which tells others that its writer is alive. False when one of them was here first and
+/// took it for left over. Where the system knows no locks, nothing is ever swept up.
+bool IsClaimed(const XFile& file) noexcept
+{
+    struct stat st = {};
+    if (::flock(file.Handle(), LOCK_EX | LOCK_NB) != 0)
+        return errno != EWOULDBLOCK;
+    return ::fstat(file.Handle(), &st) == 0 && st.st_nlink > 0;
 }
 
 } // namespace
@@ -170,11 +179,15 @@ bool CNewFile::Begin()
         return false;
     Sweep();
     for (int i = 0; i < NAME_ATTEMPTS && !m_file.IsOpen(); ++i) {
-        std::string strTemp = TempName(m_strName);
-        if (m_file.OpenAt(m_dir.m_hDir, strTemp.c_str(), O_RDWR | O_CREAT | O_EXCL | O_NOFOLLOW))
-            m_strTemp = std::move(strTemp);
-        else if (errno != EEXIST)
-            break;
+        const std::string strTemp = TempName(m_strName);
+        if (!m_file.OpenAt(m_dir.m_hDir, strTemp.c_str(), O_RDWR | O_CREAT | O_EXCL | O_NOFOLLOW)) {
+            if (errno != EEXIST)
+                break;
+        } else if (IsClaimed(m_file)) {
+            m_strTemp = strTemp;
+        } else {
+            m_file.Close();
+        }
     }
     m_bGood = m_file.IsOpen() && ::fchmod(m_file.Handle(), FILE_MODE) == 0;
     return m_bGood;
@@ -225,12 +238,12 @@ void CNewFile::Sweep() const
         return;
     }
     const std::string strPrefix = TempPrefix(m_strName);
-    const time_t tOldest = std::time(nullptr) - LEFT_OVER_AFTER;
     while (const dirent* pEntry = ::readdir(pList.get())) {
+        XFile file;
         struct stat st = {};
         if (std::string_view(pEntry->d_name).starts_with(strPrefix) &&
-            ::fstatat(m_dir.m_hDir, pEntry->d_name, &st, AT_SYMLINK_NOFOLLOW) == 0 && S_ISREG(st.st_mode) &&
-            st.st_mtime < tOldest)
+            m_dir.OpenFile(pEntry->d_name, file, st) == EMirror::Found &&
+            ::flock(file.Handle(), LOCK_EX | LOCK_NB) == 0)
             ::unlinkat(m_dir.m_hDir, pEntry->d_name, 0);
     }
 }

@@ -8,8 +8,8 @@ from pathlib import Path
 import dialogue as d
 import pytest
 import wire
-from client import CONNECTED, FAILED, connect
-from conftest import Play, mirror
+from client import FAILED, connect
+from conftest import Play, mirror, passes_alone
 from dialogue import Steps
 from peer import Peer
 
@@ -176,10 +176,26 @@ def test_an_empty_file_replaces_the_copy_and_takes_the_servers_time(play: Play, 
 
 
 def test_a_header_without_a_size_is_an_empty_file(play: Play, project: str) -> None:
-    peer = with_old_copy(play, project, b"\r\n")
+    peer = with_old_copy(play, project, b"Hello:No\r\n\r\n")
     assert drivers_in(peer) == []
     assert copy_of(peer, project).read_bytes() == b""
     assert copy_of(peer, project).stat().st_mtime == 0
+
+
+@pytest.mark.parametrize("cut", range(1, len(wire.download_header(Size=len(OTHER_BODY), FileTime=d.FILE_TIME))))
+def test_a_header_may_come_in_two_pieces(play: Play, project: str, cut: int) -> None:
+    reply = wire.download_reply(OTHER_BODY)
+    peer = with_old_copy(play, project, reply[:cut], d.pause(0.03), d.send("req", reply[cut:]))
+    assert drivers_in(peer) == ["Mixer"]
+    assert copy_of(peer, project).read_bytes() == OTHER_BODY
+
+
+@pytest.mark.parametrize(
+    "header", [wire.download_header(UseLast="Yes"), wire.download_header(Exist="No")], ids=["current", "missing"]
+)
+def test_a_header_without_a_body_may_come_byte_by_byte(play: Play, project: str, header: bytes) -> None:
+    peer = with_old_copy(play, project, d.trickle("req", header))
+    assert drivers_in(peer) == (BOTH if b"UseLast" in header else [])
 
 
 def test_a_shorter_file_replaces_the_whole_copy(play: Play, project: str) -> None:
@@ -228,11 +244,9 @@ def test_a_compressed_body_can_be_appended(play: Play, project: str) -> None:
     assert copy_of(peer, project, ".gz").read_bytes() == b"abcdef"
 
 
-def test_a_copy_that_cannot_be_written_fails_nothing(play: Play, project: str) -> None:
-    peer = play(logged_in(project) + d.fetching(wire.download_reply(BODY)))
-    copy_of(peer, project).parent.mkdir(parents=True)
-    copy_of(peer, project).symlink_to("/nonexistent/folder/file")
-    assert drivers_in(peer) == []
+def test_a_copy_that_is_said_to_be_current_but_is_not_there_fails_the_connection(play: Play, project: str) -> None:
+    peer = play(logged_in(project) + d.fetching(wire.download_header(UseLast="Yes")) + d.want_eof("req", "rcv"))
+    assert result_of(peer) == FAILED
 
 
 # The body.
@@ -281,21 +295,28 @@ def test_without_the_servers_offer_nothing_is_acknowledged(play: Play, project: 
 SURPLUS = wire.directory([("Mixer", 2, 3)])
 
 
-def test_bytes_beyond_the_size_in_the_first_piece_do_not_make_a_very_long_body(play: Play, project: str) -> None:
-    reply = wire.download_header(Size=len(BODY), FileTime=d.FILE_TIME) + BODY + SURPLUS
-    peer = play(logged_in(project) + d.fetching(reply))
-    assert drivers_in(peer) == [*BOTH, "Mixer"]
-    assert copy_of(peer, project).read_bytes() == BODY + SURPLUS
+@pytest.mark.parametrize("together", [True, False])
+def test_bytes_beyond_the_size_fail_the_connection_and_change_nothing(play: Play, project: str, together: bool) -> None:
+    header = wire.download_header(Size=len(OTHER_BODY), FileTime=d.FILE_TIME)
+    parts: list[Steps | bytes] = [header + OTHER_BODY + SURPLUS]
+    if not together:
+        parts = [header, d.pause(0.05), d.send("req", OTHER_BODY + SURPLUS)]
+    peer = with_old_copy(play, project, *parts, d.want_eof("req", "rcv"))
+    assert result_of(peer) == FAILED
+    assert copy_of(peer, project).read_bytes() == BODY
+    assert copy_of(peer, project).stat().st_mtime == 99
 
 
-def test_bytes_beyond_the_size_in_a_later_piece_end_the_body(play: Play, project: str) -> None:
-    header = wire.download_header(Size=len(BODY), FileTime=d.FILE_TIME)
-    peer = play(logged_in(project) + d.fetching(header) + d.pause(0.05) + d.send("req", BODY + SURPLUS))
-    assert drivers_in(peer) == [*BOTH, "Mixer"]
-    assert copy_of(peer, project).read_bytes() == BODY + SURPLUS
+@pytest.mark.parametrize("size", [b"2000001", b"10000000", b"1000000000000000", b"F" * 16, b"1" + b"0" * 16, b"-1"])
+def test_a_directory_that_is_too_large_is_refused_at_its_header(play: Play, project: str, size: bytes) -> None:
+    header = b"Size:" + size + b"\r\nFileTime:5000\r\n\r\n"
+    peer = with_old_copy(play, project, header + BODY, d.want_eof("req", "rcv"))
+    assert result_of(peer) == FAILED
+    assert copy_of(peer, project).read_bytes() == BODY
+    assert copy_of(peer, project).stat().st_mtime == 99
 
 
-@pytest.mark.parametrize("size", [0xFFFFFFFF, 0xFFFFFFFFFFFFFFFF])
+@pytest.mark.parametrize("size", [len(BODY) + 1, 0x2000000])
 def test_a_connection_that_breaks_in_a_body_leaves_the_part_with_the_servers_time(
     play: Play, project: str, size: int
 ) -> None:
@@ -306,6 +327,50 @@ def test_a_connection_that_breaks_in_a_body_leaves_the_part_with_the_servers_tim
     assert copy_of(peer, project).read_bytes() == BODY
     assert copy_of(peer, project).stat().st_mtime == 0x5000
     peer.finish()
+
+
+def test_a_part_of_a_directory_is_asked_for_again_though_its_time_and_size_fit(play: Play, project: str) -> None:
+    header = wire.download_header(Size=len(BODY) + 1, FileTime=d.FILE_TIME)
+    broken = d.fetching(header + BODY) + d.pause(0.2) + d.reset("req") + d.want_eof("rcv")
+    request = wire.download_request(last=(d.FILE_TIME, len(BODY)))
+    whole = d.fetching(wire.download_reply(OTHER_BODY, d.FILE_TIME), request)
+    peer = play(logged_in(project) + broken + logged_in(project) + whole)
+    assert result_of(peer) == FAILED
+    assert drivers_in(peer) == ["Mixer"]
+
+
+def test_a_part_of_a_directory_is_never_taken_for_the_whole(play: Play, project: str) -> None:
+    header = wire.download_header(Size=len(BODY) + 1, FileTime=d.FILE_TIME)
+    broken = d.fetching(header + BODY) + d.pause(0.2) + d.reset("req") + d.want_eof("rcv")
+    request = wire.download_request(last=(d.FILE_TIME, len(BODY)))
+    current = d.fetching(wire.download_header(UseLast="Yes"), request) + d.want_eof("req", "rcv")
+    whole = d.fetching(wire.download_reply(OTHER_BODY, d.FILE_TIME))
+    peer = play(logged_in(project) + broken + logged_in(project) + current + logged_in(project) + whole)
+    assert result_of(peer) == FAILED
+    assert result_of(peer) == FAILED
+    assert drivers_in(peer) == ["Mixer"]
+
+
+FULL_DISK = """
+import resource, sys
+from RkDBAccess import DBCore
+resource.setrlimit(resource.RLIMIT_FSIZE, (20, resource.RLIM_INFINITY))
+core = DBCore()
+print(core.Connect(sys.argv[1], sys.argv[2], sys.argv[3]))
+resource.setrlimit(resource.RLIMIT_FSIZE, (resource.RLIM_INFINITY, resource.RLIM_INFINITY))
+print(core.Connect(sys.argv[1], sys.argv[2], sys.argv[3]))
+print(core.GetDriver("Mixer") is not None)
+"""
+
+
+def test_a_directory_that_cannot_be_written_fails_the_connection(play: Play, project: str) -> None:
+    new = large_directory(5000)
+    request = wire.download_request(last=(99, len(BODY)))
+    once = logged_in(project) + d.fetching(wire.download_reply(new, d.FILE_TIME), request)
+    peer = play(once + d.want_eof("req", "rcv") + once)
+    put(copy_of(peer, project), BODY, 99)
+    assert passes_alone(FULL_DISK, peer.host, d.USER, d.PASSWORD).split() == ["-2", "0", "True"]
+    assert copy_of(peer, project).read_bytes() == new
 
 
 def test_a_server_that_closes_instead_of_a_header_fails_the_connection(play: Play, project: str) -> None:
@@ -335,6 +400,9 @@ NO_HEADERS = {
 
 
 @pytest.mark.parametrize("garbage", NO_HEADERS.values(), ids=NO_HEADERS)
-def test_a_reply_that_is_no_header_is_taken_as_an_empty_one(play: Play, project: str, garbage: bytes) -> None:
+def test_a_reply_that_is_no_header_fails_the_connection_and_makes_no_file(
+    play: Play, project: str, garbage: bytes
+) -> None:
     peer = play(logged_in(project) + d.fetching(garbage) + d.want_eof("req", "rcv"))
-    assert result_of(peer) == CONNECTED
+    assert result_of(peer) == FAILED
+    assert not copy_of(peer, project).exists()

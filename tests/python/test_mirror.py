@@ -36,7 +36,7 @@ def test_a_tree_from_before_keeps_its_contents_and_is_closed_to_others(play: Pla
         home.joinpath(name, "kept").write_bytes(b"content")
     opened = [home.parent, home, home / "RecData/Event", home / "RecData/Alarm2"]
     for path in opened:
-        path.chmod(0o777)
+        path.chmod(0o755)
     connect(peer.host)
     assert {path.stat().st_mode & 0o777 for path in opened} == {0o700}
     kept = [path.relative_to(home) for path in home.rglob("kept") if path.read_bytes() == b"content"]

@@ -36,18 +36,25 @@ def test_a_relay_text_connects_through_its_centre(play: Play, own_address: str, 
     assert core.GetDriver("Boiler")
 
 
-@pytest.mark.parametrize("name", ["", "a:b", "x" * 249, "锅炉", "ö"])
+@pytest.mark.parametrize("name", ["", "a:b", "x" * 230, "锅炉", "ö"])
 def test_the_server_name_is_everything_behind_the_first_colon(
     play: Play, own_address: str, project: str, name: str
 ) -> None:
-    # With the longest name the mirror's directory cannot be made: then no copy is kept, which fails nothing.
     play(behind_the_centre(project, name.encode()), {"server": (own_address, CENTRE)})
     host = f"p2p({own_address}):{name}"
     core = connect(host)
-    if len(name) < 200:
-        # Every colon of the text is another character there, and so is what GB2312 does not have.
-        assert mirror_host(host).joinpath(project).is_dir()
-        assert core.GetDriver("Boiler")
+    # Every colon of the text is another character there, and so is what GB2312 does not have.
+    assert mirror_host(host).joinpath(project).is_dir()
+    assert core.GetDriver("Boiler")
+
+
+def test_a_server_name_too_long_for_a_folder_fails_behind_the_registration(
+    play: Play, own_address: str, project: str
+) -> None:
+    name = "x" * 249
+    steps = d.opening(server_name=name.encode()) + d.registering(wire.RegisterReply(project.encode()))
+    play(steps + d.want_eof("req", "rcv"), {"server": (own_address, CENTRE)})
+    assert DBCore().Connect(f"p2p({own_address}):{name}", d.USER, d.PASSWORD) == FAILED
 
 
 @pytest.mark.parametrize("size", [250, 251, 255, 256, 300, 5000])

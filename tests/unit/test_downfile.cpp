@@ -278,18 +278,34 @@ TEST_F(GetFileTest, AHeaderWithoutATimeGivesTheFirstSecond)
     EXPECT_EQ(Time(), 0);
 }
 
-TEST_F(GetFileTest, AHeaderThatEndsEarlyLeavesTheRestToTheBody)
+TEST_F(GetFileTest, WhatDoesNotFitIsNoHeaderAndNoFileEither)
 {
-    const std::string strBehind = ":1\r\n\r\nabc";
-    sock.replies = {"Size:9\r\n" + std::string(64, 'n') + strBehind};
+    for (const std::string& strReply :
+         {"Size:9\r\n" + std::string(64, 'n') + ":1\r\n\r\nabc",
+          "Size:8\r\nname:" + std::string(256, 'v') + "\r\n\r\nabc", std::string(4096, '\0'),
+          "Size:1\r\n" + std::string(2041, ' '), "c:" + std::string(250, 'c') + "\r\n\r\n",
+          std::string("\r\n"), std::string(":1\r\n\r\n"), "Size:1\r\n" + std::string(8192, '\t')}) {
+        sock.replies = {strReply};
+        EXPECT_EQ(Get(), 0) << strReply.substr(0, 80);
+        EXPECT_FALSE(fs::exists(Path()));
+    }
+}
+
+TEST_F(GetFileTest, AHeaderMayComeInPieces)
+{
+    const std::string strReply = FILE_TIME + "Size:3\r\n\r\nabc";
+    for (size_t nCut = 1; nCut < strReply.size(); ++nCut) {
+        fs::remove(Path());
+        sock.replies = {strReply.substr(0, nCut), strReply.substr(nCut)};
+        EXPECT_EQ(Get(), 1) << nCut;
+        EXPECT_EQ(Content(), "abc") << nCut;
+        EXPECT_EQ(Time(), SERVER_TIME);
+    }
+    fs::remove(Path());
+    for (const char ch : strReply)
+        sock.replies.emplace_back(1, ch);
     EXPECT_EQ(Get(), 1);
-    EXPECT_EQ(Content(), strBehind) << "a name of 64 bytes";
-    sock.replies = {"Size:8\r\nname:" + std::string(257, 'v') + "\r\n\r\nabc"};
-    EXPECT_EQ(Get(), 1);
-    EXPECT_EQ(Content(), "v\r\n\r\nabc") << "a value of 256 bytes and one more";
-    sock.replies = {"Size:5\r\n", "\r\nabc"};
-    EXPECT_EQ(Get(), 1);
-    EXPECT_EQ(Content(), "\r\nabc") << "a header that the first receive does not hold";
+    EXPECT_EQ(Content(), "abc");
 }
 
 TEST_F(GetFileTest, AHeaderOfTheWholeFirstReceiveIsRead)
@@ -349,41 +365,48 @@ TEST_F(GetFileTest, APeerThatHasClosedFailsTheTransferAfterTheTimeOut)
     EXPECT_EQ(Content(), "abc");
 }
 
-TEST_F(GetFileTest, AnOverLongBodyIsWrittenAndComplete)
+TEST_F(GetFileTest, AnOverLongBodyFailsAndLeavesTheCopyThatWas)
 {
-    sock.replies = {FILE_TIME + "Size:2\r\n\r\nabcdef", "never asked for"};
-    EXPECT_EQ(Get(), 1);
-    EXPECT_EQ(Content(), "abcdef");
-    EXPECT_EQ(sock.replies.size(), 1U);
-    sock.replies = {FILE_TIME + "Size:4\r\n\r\nab", "cdef"};
-    EXPECT_EQ(Get(), 1);
-    EXPECT_EQ(Content(), "abcdef");
+    Write("old", 1);
+    for (const auto& replies : {std::deque<std::string>{FILE_TIME + "Size:2\r\n\r\nabcdef"},
+                                {FILE_TIME + "Size:4\r\n\r\nab", "cdef"},
+                                {FILE_TIME + "Size:0\r\n\r\na"},
+                                {FILE_TIME + "\r\nabc"}}) {
+        sock.replies = replies;
+        EXPECT_EQ(Get(), 0);
+        EXPECT_EQ(Content(), "old");
+        EXPECT_EQ(Time(), 1);
+    }
 }
 
-TEST_F(GetFileTest, AnOverLongBodyTellsOfItsLastChunkAndNoMore)
+TEST_F(GetFileTest, AnOverLongBodyTellsOfNoEnd)
 {
-    const std::string strReply = FILE_TIME + "Size:2\r\n\r\nabcdef";
-    sock.replies = {strReply};
-    EXPECT_EQ(Get(), 1);
     sock.replies = {FILE_TIME + "Size:5\r\n\r\n", "ab", "cdefg"};
-    EXPECT_EQ(Get(), 1);
-    EXPECT_EQ(Content(), "abcdefg");
-    EXPECT_EQ(progress.calls, (std::vector<std::pair<int, bool>>{
-                                  {static_cast<int>(strReply.size()), true}, {2, false}, {5, true}}));
+    EXPECT_EQ(Get(), 0);
+    EXPECT_EQ(progress.calls, (std::vector<std::pair<int, bool>>{{2, false}}));
 }
 
-TEST_F(GetFileTest, ABodyOfAnySizeThatNeverComesFails)
+TEST_F(GetFileTest, AFileThatIsTooLargeOrOfNoSizeIsRefusedAtItsHeader)
 {
-    sock.replies = {"Size:FFFFFFFFFFFFFFFF\r\n\r\nab", "cd"};
-    EXPECT_EQ(Get(), 0);
-    EXPECT_EQ(Content(), "abcd");
+    Write("old", 1);
+    for (const char* szSize : {"2000001", "FFFFFFFF", "1000000000000000", "FFFFFFFFFFFFFFFF",
+                               "10000000000000002", "-FFFFFFFFFFFFFFFE", "+2", "zz", ""}) {
+        sock.replies = {std::string("Size:") + szSize + "\r\n\r\nab", "never asked for"};
+        EXPECT_EQ(Get(), 0) << szSize;
+        EXPECT_EQ(sock.replies.size(), 1U) << szSize;
+        EXPECT_EQ(Content(), "old") << szSize;
+    }
+    sock.replies = {"Append:Yes\r\nSize:1FFFFFE\r\n\r\nab", "never asked for"};
+    EXPECT_EQ(Get(), 0) << "with what is there";
+    EXPECT_EQ(Content(), "old");
+    EXPECT_EQ(sock.replies.size(), 1U);
 }
 
 TEST_F(GetFileTest, AFolderThatIsMissingCountsAsDoneToo)
 {
     sock.replies = {FILE_TIME + "Size:4\r\n\r\nab", "cd"};
     EXPECT_EQ(GetFile("no/f.dat", sock, '4', (dir + "/").c_str(), 0, 0, &progress, nullptr), 1);
-    EXPECT_EQ(sock.replies.size(), 1U) << "the body is not read";
+    EXPECT_TRUE(sock.replies.empty()) << "the body is read, so that the connection stays clean";
     EXPECT_TRUE(progress.calls.empty());
 }
 
@@ -393,6 +416,7 @@ TEST_F(GetFileTest, ATargetThatCannotBeOpenedCountsAsDone)
     sock.replies = {FILE_TIME + "Size:2\r\n\r\nab"};
     EXPECT_EQ(Get(), 1);
     EXPECT_TRUE(fs::is_directory(Path()));
+    EXPECT_TRUE(sock.sent.empty()) << "what is no file is not asked for";
 }
 
 TEST_F(GetFileTest, TheExchangeTellsWhetherTheConnectionIsCleanBehindIt)
@@ -401,24 +425,29 @@ TEST_F(GetFileTest, TheExchangeTellsWhetherTheConnectionIsCleanBehindIt)
         sock.replies = std::move(replies);
         return DownloadFile("f.dat", sock, '4', (dir + "/").c_str(), 0, 0, nullptr, nullptr);
     };
+    EXPECT_EQ(download({"UseLast:Yes\r\n\r\n"}), EDownload::NotStored) << "there is no copy";
     EXPECT_EQ(download({"Size:2\r\n\r\nab"}), EDownload::Complete);
     EXPECT_EQ(download({"UseLast:Yes\r\n\r\n"}), EDownload::Complete);
-    EXPECT_EQ(download({"UseLast:Yes\r\n\r\nx"}), EDownload::Leftover);
-    EXPECT_EQ(download({"Exist:No\r\n\r\nx"}), EDownload::Leftover);
-    EXPECT_EQ(download({"Size:2\r\n\r\nabc"}), EDownload::Leftover);
-    EXPECT_EQ(download({"Size:2\r\n\r\n", "abc"}), EDownload::Leftover);
-    EXPECT_EQ(download({"Size:4\r\n\r\nabc"}), EDownload::Failed);
-    for (const char* szCut :
-         {"UseLast:Yes\r\n", "UseLast:Yes", "Exist:No\r\n", "Size:0\r\n", "Size:0\r\nFileTime:600"}) {
-        fs::remove(Path()); // an empty one would be current, and nothing asked for
-        EXPECT_EQ(download({szCut}), EDownload::Leftover)
-            << "the header's end is still on its way: " << szCut;
+    for (const std::deque<std::string>& replies :
+         std::initializer_list<std::deque<std::string>>{{"UseLast:Yes\r\n\r\nx"},
+                                                        {"Exist:No\r\n\r\nx"},
+                                                        {"Size:2\r\n\r\nabc"},
+                                                        {"Size:2\r\n\r\n", "abc"},
+                                                        {"UseLast:Yes\r\n"},
+                                                        {"UseLast:Yes"},
+                                                        {"Exist:No\r\n"},
+                                                        {"Size:0\r\n"},
+                                                        {"Size:0\r\nFileTime:600"}}) {
+        EXPECT_EQ(download(replies), EDownload::Failed) << replies.front();
+        EXPECT_EQ(Content(), "ab") << replies.front();
     }
+    EXPECT_EQ(download({"Size:4\r\n\r\nabc"}), EDownload::Failed);
+    EXPECT_EQ(Content(), "abc");
     fs::remove(Path());
     EXPECT_EQ(download({"Size:0\r\n\r\n"}), EDownload::Complete);
     fs::remove_all(Path());
     fs::create_directory(Path());
-    EXPECT_EQ(download({"Size:4\r\n\r\nabc"}), EDownload::Leftover);
+    EXPECT_EQ(download({"Size:4\r\n\r\nabcd"}), EDownload::NotStored);
 }
 
 /// Feeds a long body and gives the acknowledgements that were sent for it.

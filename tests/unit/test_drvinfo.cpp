@@ -5,6 +5,7 @@
 #include <filesystem>
 #include <fstream>
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 
 namespace {
 
@@ -26,11 +27,13 @@ protected:
     }
     void TearDown() override { fs::remove_all(dir); }
 
+    bool Load() { return LoadPrjDrvInfo(CString(dir + "/"), map); }
     void Load(const std::string& strBytes)
     {
-        std::ofstream(dir + "/RecData/drvinfo.dat", std::ios::binary) << strBytes;
-        LoadPrjDrvInfo(CString(dir + "/"), map);
+        std::ofstream(Path(), std::ios::binary) << strBytes;
+        EXPECT_TRUE(Load());
     }
+    std::string Path() const { return dir + "/RecData/drvinfo.dat"; }
 
     std::string dir;
     std::map<CString, SEntry> map;
@@ -106,10 +109,11 @@ TEST_F(DrvInfo, KeepsTheLaterOfTwoRecordsAndEmptiesTheDriver)
     EXPECT_EQ(map["A"].pDriver, nullptr);
 }
 
-TEST_F(DrvInfo, ThatCannotBeReadLeavesTheMapAsItWas)
+TEST_F(DrvInfo, ThatIsMissingOrEmptyLeavesTheMapAsItWas)
 {
     map["A"].id = 7;
-    LoadPrjDrvInfo(CString(dir + "/nowhere/"), map);
+    EXPECT_TRUE(LoadPrjDrvInfo(CString(dir + "/nowhere/"), map));
+    EXPECT_TRUE(Load());
     Load("");
     EXPECT_EQ(map.size(), 1U);
     EXPECT_EQ(map["A"].id, 7);
@@ -119,9 +123,49 @@ TEST_F(DrvInfo, LargerThanAnyDirectoryIsNotRead)
 {
     Load(std::string("A\0\0\0\5\0", 6));
     map.clear();
-    fs::resize_file(dir + "/RecData/drvinfo.dat", static_cast<uintmax_t>(MAX_DRVINFO_SIZE) + 1);
-    LoadPrjDrvInfo(CString(dir + "/"), map);
+    fs::resize_file(Path(), static_cast<uintmax_t>(MAX_DRVINFO_SIZE) + 1);
+    EXPECT_FALSE(Load());
     EXPECT_TRUE(map.empty());
+}
+
+TEST_F(DrvInfo, ThatIsNoFileOfOursIsNotBelieved)
+{
+    const std::string strElsewhere = dir + "/elsewhere";
+    const auto plant = [&](auto fnPlant) {
+        fs::remove_all(Path());
+        fnPlant();
+        EXPECT_FALSE(Load());
+        EXPECT_TRUE(map.empty());
+    };
+    std::ofstream(strElsewhere) << std::string("A\0\0\0\5\0", 6);
+    plant([&] { fs::create_symlink(strElsewhere, Path()); });
+    plant([&] { fs::create_symlink(dir + "/missing", Path()); });
+    plant([&] { EXPECT_EQ(::mkfifo(Path().c_str(), 0600), 0); });
+    plant([&] { fs::create_directory(Path()); });
+    plant([&] {
+        fs::copy_file(strElsewhere, Path());
+        fs::permissions(Path(), fs::perms::owner_all | fs::perms::group_write);
+    });
+    plant([&] {
+        fs::copy_file(strElsewhere, Path());
+        EXPECT_EQ(::chmod(Path().c_str(), 0600 | S_ISVTX), 0) << "a part that a transfer has left";
+    });
+    fs::remove(Path());
+    fs::rename(strElsewhere, Path());
+    EXPECT_TRUE(Load());
+    EXPECT_EQ(map.size(), 1U);
+}
+
+TEST_F(DrvInfo, HasABoundOfItsEntries)
+{
+    std::string strBytes;
+    for (int i = 0; i < 70000; ++i)
+        strBytes += std::to_string(i) + std::string("\0\1\0\1\0", 5);
+    Load(strBytes + std::string("7\0\2\0\1\0", 6));
+    EXPECT_EQ(map.size(), MAX_DRVINFO_ENTRIES);
+    EXPECT_EQ(map.count("65535"), 1U);
+    EXPECT_EQ(map.count("65536"), 0U);
+    EXPECT_EQ(map["7"].id, 2) << "a name that is there is still brought up to date";
 }
 
 } // namespace

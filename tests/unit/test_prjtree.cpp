@@ -3,6 +3,7 @@
 
 #include <filesystem>
 #include <fstream>
+#include <map>
 #include <sys/inotify.h>
 #include <sys/stat.h>
 
@@ -209,17 +210,19 @@ TEST_F(Mirror, HoldsTheTwelveFoldersForTheirOwnerAlone)
     EXPECT_EQ(static_cast<size_t>(nFolders), FOLDERS.size()) << "and nothing else";
 }
 
-TEST_F(Mirror, HoldsWhatIsChmoddedOpenToItsOwnerWhateverTheUmask)
+TEST_F(Mirror, IsOpenToItsOwnerWhateverTheUmask)
 {
     fs::create_directories(RKDB_MIRROR_ROOT); // is no folder of this test alone
-    const mode_t nUmask = ::umask(0477);
-    Build();
-    ::umask(nUmask);
-    for (const fs::path& folder : {root, project, project / "RecData/Event", project / "RecData/Alarm2"})
-        EXPECT_EQ(fs::status(folder).permissions(), fs::perms::owner_all) << folder;
-    EXPECT_EQ(fs::status(project / "Window").permissions(), fs::perms::owner_write | fs::perms::owner_exec);
-    for (const char* szFolder : FOLDERS)
-        fs::permissions(project / szFolder, fs::perms::owner_all); // or they could not be removed
+    for (const mode_t nMask : {0777, 0477, 0}) {
+        fs::remove_all(root);
+        const mode_t nUmask = ::umask(nMask);
+        Build();
+        ::umask(nUmask);
+        for (const fs::path& folder : {root, project})
+            EXPECT_EQ(fs::status(folder).permissions(), fs::perms::owner_all) << folder;
+        for (const char* szFolder : FOLDERS)
+            EXPECT_EQ(fs::status(project / szFolder).permissions(), fs::perms::owner_all) << szFolder;
+    }
 }
 
 TEST_F(Mirror, IsReusedWithItsContentsAndTheModesOfMostFolders)
@@ -287,12 +290,91 @@ TEST_F(Mirror, IsMadeInTheOrderOfItsTable)
     EXPECT_TRUE(watch.Made().empty()) << "what exists is not made again";
 }
 
-TEST_F(Mirror, ThatCannotBeMadeIsNoFailureYet)
+/// Everything below a folder with its mode, for what must stay as it is.
+std::map<std::string, mode_t> Everything(const fs::path& folder)
+{
+    std::map<std::string, mode_t> found;
+    const auto note = [&found](const fs::path& path) {
+        struct stat st = {};
+        EXPECT_EQ(::lstat(path.c_str(), &st), 0);
+        found[path] = st.st_mode;
+    };
+    note(folder);
+    for (const auto& entry : fs::recursive_directory_iterator(folder))
+        note(entry);
+    return found;
+}
+
+/// A mirror in which something was planted.
+class PlantedMirror : public Mirror
+{
+protected:
+    void SetUp() override
+    {
+        Mirror::SetUp();
+        fs::create_directories(elsewhere / "inner");
+        fs::permissions(elsewhere, fs::perms::owner_all | fs::perms::group_read);
+        m_before = Everything(elsewhere);
+    }
+    void TearDown() override
+    {
+        Mirror::TearDown();
+        fs::remove_all(elsewhere);
+    }
+
+    void IsRefused()
+    {
+        CString strErr;
+        EXPECT_FALSE(client.AfterConnect(strHost.c_str(), NAME_GB2312, strErr));
+        EXPECT_FALSE(strErr.empty());
+        EXPECT_EQ(client.m_strPrjPath, "");
+        EXPECT_EQ(Everything(elsewhere), m_before);
+    }
+
+    const fs::path elsewhere = testing::TempDir() + "unit_tree_elsewhere" + std::to_string(::getpid());
+
+private:
+    std::map<std::string, mode_t> m_before;
+};
+
+TEST_F(PlantedMirror, WithALinkForAFolderIsRefusedAndTheLinkIsNotFollowed)
+{
+    const std::array places{root, project, project / "Window", project / "RecData",
+                            project / "RecData/Alarm2"};
+    for (const fs::path& place : places) {
+        fs::remove_all(root);
+        fs::create_directories(place.parent_path());
+        fs::create_directory_symlink(elsewhere, place);
+        IsRefused();
+    }
+}
+
+TEST_F(PlantedMirror, WithAFileForAFolderIsRefused)
 {
     std::ofstream(root) << "a file where the folder should be";
-    Build("demo");
+    IsRefused();
     EXPECT_TRUE(fs::is_regular_file(root));
-    EXPECT_EQ(client.m_strPrjPath, root.string() + "/demo/");
+}
+
+TEST_F(PlantedMirror, ThatOthersMayWriteToIsRefusedAndStaysAsItIs)
+{
+    for (const fs::path& place : {root, project, project / "Media", project / "RecData/Event"}) {
+        for (const auto nBit : {fs::perms::group_write, fs::perms::others_write}) {
+            fs::remove_all(root);
+            fs::create_directories(place);
+            fs::permissions(place, fs::perms::owner_all | nBit);
+            IsRefused();
+            EXPECT_EQ(fs::status(place).permissions(), fs::perms::owner_all | nBit) << place;
+        }
+    }
+}
+
+TEST_F(PlantedMirror, WithAHostTextThatIsNoNameIsRefused)
+{
+    for (const char* szHost : {"", ".", "..", "../x", "p2p(127.0.0.1):../../x", "a/b"}) {
+        CString strErr;
+        EXPECT_FALSE(client.AfterConnect(szHost, "demo", strErr)) << szHost;
+    }
 }
 
 } // namespace
