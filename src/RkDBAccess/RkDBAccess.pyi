@@ -68,7 +68,7 @@ class DBCore:
             0   connected;
             -1  the server refused the user name or the password;
             -2  not reached in time, connection refused or cut, login too long for its request, the mirror's folder
-                could not be made, or the driver directory could not be fetched;
+                could not be made or is not to be trusted, or the driver directory could not be fetched and kept;
             -3  the server answered something that is no part of this protocol, or named no usable project.
 
         Takes at most the time-out (8 s direct, 13 s relayed) for each answer it waits for. Called again on a

@@ -23,6 +23,7 @@ struct SFolder
             std::filesystem::exists("/dev/shm") ? "/dev/shm" : std::filesystem::temp_directory_path();
         path = base / ("rkdb_fuzz_directory_" + std::to_string(::getpid()));
         std::filesystem::create_directories(path / "RecData");
+        std::filesystem::permissions(path / "RecData", std::filesystem::perms::owner_all);
     }
     ~SFolder()
     {
@@ -45,7 +46,9 @@ std::map<std::string, std::pair<unsigned, unsigned>> ReadAgain(const std::string
         const size_t nNul = strContent.find('\0', nPos);
         if (nNul == std::string::npos || nNul + 4 >= strContent.size())
             return drivers;
-        drivers[strContent.substr(nPos, nNul - nPos)] = {wordAt(nNul + 1), wordAt(nNul + 3)};
+        const std::string strName = strContent.substr(nPos, nNul - nPos);
+        if (drivers.size() < MAX_DRVINFO_ENTRIES || drivers.contains(strName))
+            drivers[strName] = {wordAt(nNul + 1), wordAt(nNul + 3)};
         nPos = nNul + 5;
     }
 }
@@ -58,7 +61,7 @@ int LLVMFuzzerTestOneInput(const BYTE* pData, size_t nSize)
     const std::string strContent(reinterpret_cast<const char*>(pData), nSize);
     std::ofstream(folder.path / "RecData" / "drvinfo.dat", std::ios::binary) << strContent;
     std::map<CString, SDriver> drivers;
-    LoadPrjDrvInfo(CString(folder.path.string() + "/"), drivers);
+    FUZZ_CHECK(LoadPrjDrvInfo(CString(folder.path.string() + "/"), drivers));
     std::map<std::string, std::pair<unsigned, unsigned>> found;
     for (const auto& [strName, info] : drivers) {
         found[strName] = {info.id, info.tagNum};

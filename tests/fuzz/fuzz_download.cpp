@@ -1,5 +1,5 @@
 // A download from a server that answers anything, in pieces of any size, with or without a local copy: what
-// is in the folder afterwards is what the exchange has received, and nothing else is there.
+// is in the folder afterwards is what the exchange has announced and received, and nothing else is there.
 #include "DownFile.h"
 #include "fuzz.h"
 
@@ -38,15 +38,13 @@ public:
             return -1;
         const size_t nGot = std::min({m_nPiece, static_cast<size_t>(nLen), m_left.size()});
         std::memcpy(pBuf, m_left.data(), nGot);
-        const auto* pGot = reinterpret_cast<const char*>(m_left.data());
-        (m_strFirst.empty() ? m_strFirst : m_strRest).append(pGot, nGot);
+        m_strGot.append(reinterpret_cast<const char*>(m_left.data()), nGot);
         m_left = m_left.subspan(nGot);
         return static_cast<int>(nGot);
     }
 
     std::vector<std::string> m_sent;
-    std::string m_strFirst; // the receive that brought the header
-    std::string m_strRest;
+    std::string m_strGot;
 
 private:
     size_t m_nPiece;
@@ -64,6 +62,7 @@ public:
         const fs::path base = fs::exists("/dev/shm") ? "/dev/shm" : fs::temp_directory_path();
         m_path = base / ("rkdb_fuzz_download_" + std::to_string(::getpid()));
         fs::create_directories(m_path);
+        fs::permissions(m_path, fs::perms::owner_all);
     }
     ~CFolder()
     {
@@ -139,10 +138,26 @@ struct SHeader
         const auto it = values.find(strName);
         return it == values.end() ? bDefault : ::strncasecmp(it->second.c_str(), "yes", 3) == 0;
     }
+    /// The largest number stands for what is none or does not fit.
     uint64_t Number(const std::string& strName) const
     {
         const auto it = values.find(strName);
-        return it == values.end() ? 0 : std::strtoull(it->second.c_str(), nullptr, 16);
+        if (it == values.end())
+            return 0;
+        size_t nFrom = it->second.starts_with("0x") || it->second.starts_with("0X") ? 2 : 0;
+        size_t nEnd =
+            std::min(it->second.find_first_not_of("0123456789abcdefABCDEF", nFrom), it->second.size());
+        const std::string strDigits = it->second.substr(nFrom, nEnd - nFrom);
+        const size_t nDigits =
+            strDigits.size() - std::min(strDigits.find_first_not_of('0'), strDigits.size());
+        const bool bNumber = !strDigits.empty() && nDigits <= 16;
+        return bNumber ? std::strtoull(strDigits.c_str(), nullptr, 16) : ~uint64_t{0};
+    }
+    bool SaysSomething() const
+    {
+        const auto is = [this](const char* szName) { return values.contains(szName); };
+        return is("size") || is("uselast") || is("exist") || is("gz") || is("filetime") || is("filename") ||
+               is("append") || is("hello");
     }
 
     size_t nLength = 0;
@@ -159,41 +174,48 @@ void CheckHeader(const std::string& strText, const SHeader& header)
     FUZZ_CHECK(fi.bGZ == header.Says("gz", false) && fi.bAppend == header.Says("append", false));
     FUZZ_CHECK(fi.bHello == header.Says("hello", false));
     FUZZ_CHECK(fi.dwSize == header.Number("size"));
-    FUZZ_CHECK(fi.tt == static_cast<time_t>(header.Number("filetime")));
+    const uint64_t nTime = header.Number("filetime");
+    FUZZ_CHECK(fi.tt == (nTime >> 63 ? 0 : static_cast<time_t>(nTime)));
     const auto name = header.values.find("filename");
     FUZZ_CHECK(fi.strName == (name == header.values.end() ? std::string() : name->second));
 }
 
-/// The files that the exchange must have left.
-Files Wanted(Files files, const CInputSocket& sock, const SHeader& header)
+/// What the exchange must come to.
+struct SWanted
 {
-    if (sock.m_strFirst.empty())
-        return files;
-    if (!header.Says("exist", true)) {
-        files.erase("f");
-        return files;
+    SWanted(Files before, const CInputSocket& sock, const SHeader& header) : files(std::move(before))
+    {
+        const std::string& strGot = sock.m_strGot;
+        if (!header.bWhole || !header.SaysSomething() || header.nLength > 2048)
+            return;
+        const bool bBody = header.Says("exist", true) && !header.Says("uselast", false);
+        const std::string strBody = strGot.substr(header.nLength);
+        if (bBody)
+            Fetch(strBody, header);
+        if (bBody || !strBody.empty())
+            return;
+        const bool bKept = header.Says("exist", true);
+        eResult = bKept && !files.contains("f") ? EDownload::NotStored : EDownload::Complete;
+        if (!bKept)
+            files.erase("f");
     }
-    if (header.Says("uselast", false))
-        return files;
-    std::string& strContent = files[header.Says("gz", false) ? "f.gz" : "f"];
-    if (!header.Says("append", false))
-        strContent.clear();
-    strContent += sock.m_strFirst.substr(header.nLength) + sock.m_strRest;
-    return files;
-}
 
-EDownload WantedResult(const CInputSocket& sock, const SHeader& header)
-{
-    if (sock.m_strFirst.empty())
-        return EDownload::Failed;
-    const size_t nBody = sock.m_strFirst.size() - header.nLength;
-    if (!header.Says("exist", true) || header.Says("uselast", false))
-        return nBody > 0 || !header.bWhole ? EDownload::Leftover : EDownload::Complete;
-    const size_t nReceived = nBody + sock.m_strRest.size();
-    if (nReceived < header.Number("size"))
-        return EDownload::Failed;
-    return nReceived > header.Number("size") || !header.bWhole ? EDownload::Leftover : EDownload::Complete;
-}
+    void Fetch(const std::string& strBody, const SHeader& header)
+    {
+        const uint64_t nSize = header.Number("size");
+        const std::string strName = header.Says("gz", false) ? "f.gz" : "f";
+        const bool bAppend = header.Says("append", false) && files.contains(strName);
+        const std::string strOld = bAppend ? files[strName] : "";
+        if (strBody.size() > nSize || nSize > MAX_DOWNLOAD_SIZE - strOld.size())
+            return;
+        files[strName] = strOld + strBody;
+        if (strBody.size() == nSize)
+            eResult = EDownload::Complete;
+    }
+
+    Files files;
+    EDownload eResult = EDownload::Failed;
+};
 
 /// Acknowledgements are for a server that awaits them, each for less than a window and all for no more than
 /// came.
@@ -208,7 +230,7 @@ void CheckSent(const CInputSocket& sock, const SHeader& header)
         FUZZ_CHECK(nWindow >= 8192 && nWindow <= 131072);
         nTotal += nWindow;
     }
-    FUZZ_CHECK(nTotal <= sock.m_strFirst.size() + sock.m_strRest.size());
+    FUZZ_CHECK(nTotal <= sock.m_strGot.size());
 }
 
 } // namespace
@@ -223,10 +245,11 @@ int LLVMFuzzerTestOneInput(const BYTE* pData, size_t nSize)
     const auto eResult =
         DownloadFile("f", sock, '4', folder.Path().c_str(), 1, 1, nullptr, bRelay ? "centre" : nullptr);
 
-    const SHeader header(sock.m_strFirst);
-    CheckHeader(sock.m_strFirst, header);
-    FUZZ_CHECK(eResult == WantedResult(sock, header));
-    FUZZ_CHECK(folder.Get() == Wanted(before, sock, header));
+    const SHeader header(sock.m_strGot);
+    CheckHeader(sock.m_strGot, header);
+    const SWanted wanted(before, sock, header);
+    FUZZ_CHECK(eResult == wanted.eResult);
+    FUZZ_CHECK(folder.Get() == wanted.files);
     CheckSent(sock, header);
     return 0;
 }
