@@ -167,6 +167,29 @@ TEST_F(StringLists, AFileOfAnyLengthIsReadWhole)
     EXPECT_EQ(Lines(strText), want);
 }
 
+TEST_F(StringLists, AListHasABoundOfItsEntries)
+{
+    std::string strText;
+    for (int i = 0; i < 70000; ++i)
+        strText += std::to_string(i) + "\n\n";
+    const CStringList list = Lines(strText);
+    ASSERT_EQ(list.size(), 65536U);
+    EXPECT_EQ(list.back(), "65535");
+}
+
+TEST_F(StringLists, AFileThatIsNotToBeTrustedLeavesTheListEmpty)
+{
+    EXPECT_EQ(Lines("planted\n"), CStringList{"planted"});
+    std::filesystem::create_symlink(m_dir / "list", m_dir / "link");
+    CStringList list;
+    InitStringList(CString((m_dir / "link").string()), list);
+    EXPECT_TRUE(list.empty());
+    std::filesystem::permissions(m_dir / "list", std::filesystem::perms::others_write,
+                                 std::filesystem::perm_options::add);
+    InitStringList(CString((m_dir / "list").string()), list);
+    EXPECT_TRUE(list.empty());
+}
+
 TEST_F(StringLists, AListWithEntriesIsLeftAlone)
 {
     std::ofstream(m_dir / "list") << "new\n";

@@ -355,4 +355,44 @@ TEST_F(XFileTest, ClosedRefusesReadingAndWriting)
     EXPECT_FALSE(file.IsOpen());
 }
 
+TEST_F(XFileTest, OpensANameInAFolder)
+{
+    Put("named", "content");
+    const int hDir = ::open(Path("").c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC);
+    ASSERT_GE(hDir, 0);
+    XFile file;
+    EXPECT_TRUE(file.OpenAt(hDir, "named", READ_ONLY));
+    EXPECT_TRUE(file.OpenAt(hDir, "none", READ_ONLY)) << "it stays with its file";
+    EXPECT_EQ(file.GetFileSize(), 7U);
+    XFile other;
+    EXPECT_FALSE(other.OpenAt(hDir, "none", READ_ONLY));
+    ::close(hDir);
+}
+
+TEST_F(XFileTest, MovesWithItsDescriptor)
+{
+    Put("moved", "content");
+    XFile file;
+    ASSERT_TRUE(file.OpenA(Path("moved").c_str(), READ_ONLY, false));
+    const int hFile = file.Handle();
+    XFile taker(std::move(file));
+    EXPECT_EQ(taker.Handle(), hFile);
+    file = std::move(taker);
+    EXPECT_EQ(file.Handle(), hFile);
+    EXPECT_EQ(file.GetFileSize(), 7U);
+}
+
+TEST_F(XFileTest, WritesAllOrSaysThatItCouldNot)
+{
+    XFile file;
+    ASSERT_TRUE(file.OpenA(Path("all").c_str(), REPLACE, false));
+    const std::string strText(3000000, 'x');
+    EXPECT_TRUE(file.WriteAll(strText.data(), strText.size()));
+    EXPECT_TRUE(file.WriteAll(strText.data(), 0));
+    EXPECT_TRUE(Content("all") == strText);
+    XFile full;
+    ASSERT_TRUE(full.OpenA("/dev/full", O_WRONLY, false));
+    EXPECT_FALSE(full.WriteAll("x", 1));
+}
+
 } // namespace
