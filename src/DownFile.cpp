@@ -2,6 +2,7 @@
 #include "DownFile.h"
 
 #include "MirrorDir.h"
+#include "WaitHook.h"
 
 #include <algorithm>
 #include <array>
@@ -193,6 +194,14 @@ SHeader ReadHeader(const char* buf, int nLen, SCFileInfo& fi)
     return {nPos < nLen ? EHeader::Bad : EHeader::Cut, nPos};
 }
 
+/// Between two receives that gave nothing. False when the calling thread wants the transfer to end.
+bool Pause()
+{
+    std::this_thread::sleep_for(EMPTY_STEP);
+    const auto fnGoOn = WaitHook().fnGoOn;
+    return !fnGoOn || fnGoOn();
+}
+
 enum class EBody
 {
     Whole,
@@ -327,7 +336,8 @@ EBody CDownload::ReceiveBody(CPace& pace, CWindow window, CNewFile& file, uint64
         if (nGot < 0)
             return EBody::Broken;
         if (nGot == 0) {
-            std::this_thread::sleep_for(EMPTY_STEP);
+            if (!Pause())
+                return EBody::Broken;
             continue;
         }
         if (static_cast<uint64_t>(nGot) > nLeft)
