@@ -109,7 +109,8 @@ BYTE CInput::Byte()
 std::span<const BYTE> CInput::Segment()
 {
     const size_t nLow = Byte();
-    const size_t nLen = std::min(nLow | size_t{Byte()} << 8, m_left.size());
+    const size_t nHigh = Byte(); // a statement of its own: it must be taken before what is left is counted
+    const size_t nLen = std::min(nLow | nHigh << 8, m_left.size());
     const auto segment = m_left.first(nLen);
     m_left = m_left.subspan(nLen);
     return segment;
