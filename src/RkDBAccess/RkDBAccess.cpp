@@ -189,9 +189,6 @@ void DBCore_dealloc(PyObject* pSelf)
 PyTypeObject g_coreType = MakeType("RkDBAccess.DBCore", "DBCore objects", sizeof(DBCoreObj), DBCore_new,
                                    DBCore_dealloc, g_coreMethods);
 
-PyModuleDef g_module = {
-    PyModuleDef_HEAD_INIT, "rkdb", "rkdb access.", -1, nullptr, nullptr, nullptr, nullptr, nullptr};
-
 PyObject* EndConnections(PyObject*, PyObject*)
 {
     DBEndAll();
@@ -225,16 +222,43 @@ bool AddType(PyObject* pModule, const char* szName, PyTypeObject& type)
     return false;
 }
 
+/// Types, connections and the list of them belong to the process, and the interpreter that ends takes all of
+/// them along: so there is one interpreter that may have them. Copies of an initialised module would go round
+/// a check that only initialising makes, hence the two steps: these are taken anew in each interpreter.
+PyObject* CreateModule(PyObject*, PyModuleDef* pDef)
+{
+    if (PyInterpreterState_Get() == PyInterpreterState_Main())
+        return PyModule_New(pDef->m_name); // its own name, not that of its file
+    PyErr_SetString(PyExc_ImportError,
+                    "RkDBAccess works in the main interpreter only, not in sub-interpreters");
+    return nullptr;
+}
+
+int FillModule(PyObject* pModule)
+{
+    // A module that is imported again keeps its place among the exit functions.
+    static bool bEndsAtExit = false;
+    if (!AddType(pModule, "DBCore", g_coreType) || !AddType(pModule, "Driver", g_driverType))
+        return -1;
+    bEndsAtExit = bEndsAtExit || EndConnectionsAtExit();
+    return bEndsAtExit ? 0 : -1;
+}
+
+PyModuleDef_Slot g_moduleSlots[] = {
+    {Py_mod_create, reinterpret_cast<void*>(CreateModule)},
+    {Py_mod_exec, reinterpret_cast<void*>(FillModule)},
+#ifdef Py_mod_multiple_interpreters
+    {Py_mod_multiple_interpreters, Py_MOD_MULTIPLE_INTERPRETERS_NOT_SUPPORTED},
+#endif
+    {0, nullptr},
+};
+
+PyModuleDef g_module = {PyModuleDef_HEAD_INIT, "rkdb",  "rkdb access.", 0,      nullptr,
+                        g_moduleSlots,         nullptr, nullptr,        nullptr};
+
 } // namespace
 
 PyMODINIT_FUNC PyInit_RkDBAccess()
 {
-    PyObject* pModule = PyModule_Create(&g_module);
-    if (!pModule)
-        return nullptr;
-    if (AddType(pModule, "DBCore", g_coreType) && AddType(pModule, "Driver", g_driverType) &&
-        EndConnectionsAtExit())
-        return pModule;
-    Py_DECREF(pModule);
-    return nullptr;
+    return PyModuleDef_Init(&g_module);
 }
