@@ -3,25 +3,49 @@
 #include "win_time.h"
 
 #include <array>
+#include <cerrno>
 #include <cstdio>
+#include <cstdlib>
 #include <ctime>
+#include <utility>
 
 namespace {
 
 constexpr double MAX_SECONDS = 1e17; // beyond any year that a broken-down time can hold
 
+/// The fields of a date in the order of its text, each but the first with what stands before it.
+constexpr const char* SEPARATORS = "-- ::";
+using DateFields = std::array<int, 6>;
+
+/// Reads fields as scanf's "%d-%d-%d %d:%d:%d" does, whose result for a number beyond int is undefined. The
+/// count of fields read; none when there is such a number, as the text is no date.
+size_t ReadFields(const char* szText, DateFields& fields)
+{
+    for (size_t nRead = 0; nRead < fields.size(); ++nRead) {
+        const char chBefore = nRead > 0 ? SEPARATORS[nRead - 1] : ' ';
+        if (chBefore != ' ' && *szText++ != chBefore)
+            return nRead;
+        char* szEnd = nullptr;
+        errno = 0;
+        const long n = std::strtol(szText, &szEnd, 10); // passes over blanks
+        if (szEnd == szText)
+            return nRead;
+        if (errno == ERANGE || !std::in_range<int>(n))
+            return 0;
+        fields[nRead] = static_cast<int>(n);
+        szText = szEnd;
+    }
+    return fields.size();
+}
+
 } // namespace
 
 DATE StrToDate(const char* szText)
 {
-    int nYear = 2000;
-    int nMonth = 1;
-    int nDay = 1;
-    int nHour = 0;
-    int nMinute = 0;
-    int nSecond = 0;
-    if (std::sscanf(szText, "%d-%d-%d %d:%d:%d", &nYear, &nMonth, &nDay, &nHour, &nMinute, &nSecond) < 1)
+    DateFields fields{2000, 1, 1, 0, 0, 0};
+    if (ReadFields(szText, fields) < 1)
         return 0.0;
+    const auto [nYear, nMonth, nDay, nHour, nMinute, nSecond] = fields;
     tm local{};
     local.tm_year = static_cast<int>(static_cast<unsigned>(nYear) - 1900U);
     local.tm_mon = static_cast<int>(static_cast<unsigned>(nMonth) - 1U);

@@ -1,13 +1,18 @@
 // Conversions of variant values to numbers, dates and texts, changes of type, and date patterns.
 #include "XVariant.h"
 
+#include <algorithm>
 #include <cmath>
+#include <cstdio>
 #include <cstdlib>
 #include <ctime>
 #include <gtest/gtest.h>
 #include <limits>
 #include <optional>
+#include <random>
 #include <string>
+#include <string_view>
+#include <utility>
 #include <vector>
 
 namespace {
@@ -371,6 +376,35 @@ TEST(VariantDate, FieldsBeyondEveryCalendarDoNotFailTheProgram)
     for (const char* sz : {"2147483647-1-1", "-2147483648-1-1", "2020--2147483648-1",
                            "2020-1-2147483647 2147483647:2147483647:2147483647"})
         EXPECT_TRUE(std::isfinite(XVariant(sz).ToDate())) << sz;
+}
+
+TEST(VariantDate, OfATextWithANumberThatNoIntHoldsIsZero)
+{
+    for (const char* sz :
+         {"2147483648-1-1", "-2147483649-1-1", "2020-4294967301-6", "2020-5-6 12:0:9223372036854775808",
+          "99999999999999999999999999-5-6", "2020-5-6 -99999999999999999999999:0:0"})
+        EXPECT_EQ(XVariant(sz).ToDate(), 0.0) << sz;
+}
+
+TEST(VariantDate, TakesFromEveryTextTheFieldsThatScanfTakes)
+{
+    const CZone zone("UTC0");
+    constexpr std::string_view SOME = "0123456789--::  +x\t";
+    std::mt19937 random(1);
+    for (int nRound = 0; nRound < 20'000; ++nRound) {
+        std::string strText = nRound % 2 ? "2020-5-6 " : "";
+        for (auto nLeft = random() % 14; nLeft > 0; --nLeft)
+            strText.push_back(SOME[random() % SOME.size()]);
+        long long fields[] = {2000, 1, 1, 0, 0, 0}; // wide enough for all that is made here
+        const int nRead = std::sscanf(strText.c_str(), "%lld-%lld-%lld %lld:%lld:%lld", &fields[0],
+                                      &fields[1], &fields[2], &fields[3], &fields[4], &fields[5]);
+        const bool bFits = std::ranges::all_of(fields, [](long long n) { return std::in_range<int>(n); });
+        std::string strSame = std::to_string(fields[0]);
+        for (size_t i = 1; i < std::size(fields); ++i)
+            strSame.append(1, "-- ::"[i - 1]).append(std::to_string(fields[i]));
+        const DATE want = nRead > 0 && bFits ? XVariant(strSame.c_str()).ToDate() : 0.0;
+        EXPECT_EQ(XVariant(strText.c_str()).ToDate(), want) << strText;
+    }
 }
 
 // ---- change of type
