@@ -47,21 +47,24 @@ def compare(before, after, calls):
     print("grown by", grown)
 
 count = 0
-def heard(total):
-    until(lambda: count == total, 300)
-    time.sleep(0.05)  # the last call may still be on its way out
 """
 RUN = """
 warm_up, calls = int(sys.argv[2]), int(sys.argv[3])
+def references():
+    return [sys.getrefcount(one) for one in kept]
+
+def heard(total):
+    until(lambda: count == total, 300)
+    until(lambda: references() == at_rest, 60)  # the last call may still be on its way out
+
+at_rest = references()
 assert boiler.ConnectTag(",".join(f"T{position}" for position in range(14))) == 1
 boiler.GetTagValue("go1")
 heard(warm_up)
-before, kept_before = measure(), [sys.getrefcount(one) for one in kept]
+before = measure()
 boiler.GetTagValue("go2")
 heard(warm_up + calls)
-after, kept_after = measure(), [sys.getrefcount(one) for one in kept]
-compare(before, after, calls)
-assert kept_before == kept_after, (kept_before, kept_after)
+compare(before, measure(), calls)
 """
 
 
@@ -236,18 +239,23 @@ def round():
 
 del core, boiler
 rounds = int(sys.argv[2])
-for _ in range(rounds):
-    round()
-before = measure()
-for _ in range(rounds):
-    round()
-compare(before, measure(), rounds)
-until(lambda: tasks() == at_first)
+samples = []
+for _ in range(4):
+    for _ in range(rounds):
+        round()
+    until(lambda: tasks() == at_first)
+    samples.append(measure())
+# What is kept of each round grows in each batch.
+pairs = list(zip(samples, samples[1:]))
+for name, limit in (("malloc", 32), ("blocks", rounds), ("resident", 2 * 1024 * 1024)):
+    assert min(b[name] - a[name] for a, b in pairs) < limit, (name, samples)
+for a, b in pairs:
+    compare(a, b, rounds)
 """
 
 
 def test_live_connections_that_come_and_go_leave_memory_flat(play: Play, project: str) -> None:
-    rounds = 25
+    rounds = 20
     body = wire.directory(d.DRIVERS)
     opening = d.up_to_login(project, size=len(body)) + d.logging_in(reply=wire.login_reply(w.MAY_WRITE))
     use_last = wire.download_header(UseLast="Yes")
@@ -264,5 +272,7 @@ def test_live_connections_that_come_and_go_leave_memory_flat(play: Play, project
     active = d.want("req", b"n") + d.send("req", w.alarm_reply([alarm]))
     first = d.connecting(project) + d.want_eof("rcv", "req")
     second = opening + active + w.fetching_lists() + rest
-    peer = play(first + second + (opening + active + lists + rest) * (2 * rounds - 1))
-    passes_alone(HEAD + MEASURE + LIVE_ROUND, peer.host, str(rounds), timeout=80)
+    peer = play(first + second + (opening + active + lists + rest) * (4 * rounds - 1))
+    # Without malloc's caches of freed blocks, one for each thread, what it has given out is exact.
+    exact = {"GLIBC_TUNABLES": "glibc.malloc.tcache_count=0"}
+    passes_alone(HEAD + MEASURE + LIVE_ROUND, peer.host, str(rounds), timeout=80, environment=exact)
