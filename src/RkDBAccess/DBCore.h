@@ -142,8 +142,8 @@ private:
     int OnAlarm(std::span<const BYTE> record, CPyThread* pPython);
     bool Deliver(const std::shared_ptr<const SAlarmReceiver>& pReceiver,
                  const std::vector<S2RtAlarm2>& alarms);
-    int Register(PyObject* rtAlarmNotifyFn, bool notifyExisting);
-    bool AttachReceiver(const std::shared_ptr<const SAlarmReceiver>& pReceiver);
+    std::shared_ptr<CPyCallback> Register(PyObject* rtAlarmNotifyFn, bool notifyExisting, size_t& nSkipped);
+    bool AttachReceiver(const std::shared_ptr<const SAlarmReceiver>& pReceiver, size_t& nSkipped);
     EWalk WalkReceive(CRecvBuffer& buffer, CPyThread& python);
     bool Receive(CRecvBuffer& buffer);
     bool AwaitReceive();

@@ -50,6 +50,16 @@ void AppendLine(std::string& strLine, CStringList& strList)
     strList.push_back(strUtf8);
 }
 
+void WarnOfSkipped(CPyCallback& fn, size_t nSkipped)
+{
+    WhilePythonLives([nSkipped] {
+        PyErr_WarnFormat(PyExc_RuntimeWarning, 1,
+                         "RkDBAccess: %zu alarms that came in during their registration are skipped",
+                         nSkipped);
+    });
+    fn.ReportError(); // a warning may be an error
+}
+
 } // namespace
 
 void ReadStringList(XFile& file, CStringList& strList)
@@ -176,16 +186,21 @@ bool CDBCore::Deliver(const std::shared_ptr<const SAlarmReceiver>& pReceiver,
     return true;
 }
 
-/// Delivers what has come in since the registration began, and from then on the receive thread does.
-bool CDBCore::AttachReceiver(const std::shared_ptr<const SAlarmReceiver>& pReceiver)
+/// Delivers what has come in since the registration began, and from then on the receive thread does. The
+/// number of calls is bounded by what is held of a registration, however fast alarms come in. False as in
+/// Deliver.
+bool CDBCore::AttachReceiver(const std::shared_ptr<const SAlarmReceiver>& pReceiver, size_t& nSkipped)
 {
     for (;;) {
         std::vector<S2RtAlarm2> alarms;
         {
+            // In one step, or an alarm could come in between and be told of before those that are held.
             const CThreadGuard guard(m_lock);
             alarms = m_held.Take();
-            if (alarms.empty() && !m_rtAlarmNotifyFn)
+            if (alarms.empty() && !m_rtAlarmNotifyFn) {
                 m_rtAlarmNotifyFn = pReceiver;
+                nSkipped = m_held.TakeSkipped();
+            }
         }
         if (alarms.empty())
             return true;
@@ -213,26 +228,38 @@ int CDBCore::_SetRtAlarmNotify(PyObject* rtAlarmNotifyFn, bool notifyExisting)
             core.m_held.End();
         }
     };
-    const SHolding holding{*this};
-    return Register(rtAlarmNotifyFn, notifyExisting);
+    size_t nSkipped = 0;
+    std::shared_ptr<CPyCallback> pFn;
+    {
+        const SHolding holding{*this};
+        pFn = Register(rtAlarmNotifyFn, notifyExisting, nSkipped);
+    }
+    if (!pFn)
+        return -2;
+    // Last, as it may run code of the script: the registration stands whatever that does.
+    if (nSkipped > 0)
+        WarnOfSkipped(*pFn, nSkipped);
+    return 0;
 }
 
-int CDBCore::Register(PyObject* rtAlarmNotifyFn, bool notifyExisting)
+/// The registered callable; null when the registration failed.
+std::shared_ptr<CPyCallback> CDBCore::Register(PyObject* rtAlarmNotifyFn, bool notifyExisting,
+                                               size_t& nSkipped)
 {
     std::vector<S2RtAlarm2> alarms;
     if (!ReadActiveAlarms(alarms))
-        return -2;
+        return nullptr;
     if (!m_textList || m_textList->empty())
         m_textList = LoadStringList("RecData/textlist");
     if (!m_tagList || m_tagList->empty())
         m_tagList = LoadStringList("RecData/taglist");
     if (!m_textList || !m_tagList)
-        return -2;
-    const auto pFn = std::make_shared<CPyCallback>(rtAlarmNotifyFn);
+        return nullptr;
+    auto pFn = std::make_shared<CPyCallback>(rtAlarmNotifyFn);
     KeepCallback(pFn);
     const auto pReceiver = std::make_shared<const SAlarmReceiver>(pFn, m_textList, m_tagList);
     if (!notifyExisting)
         alarms.clear();
     std::ranges::reverse(alarms); // the one reported last comes first
-    return Deliver(pReceiver, alarms) && AttachReceiver(pReceiver) ? 0 : -2;
+    return Deliver(pReceiver, alarms) && AttachReceiver(pReceiver, nSkipped) ? pFn : nullptr;
 }

@@ -25,7 +25,8 @@ What holds for every callback:
   see: `del` alone does not end that connection. Register a bound method instead.
 
 After `os.fork` the child's copies are not connected; the parent's go on. When the interpreter ends, every connection
-is ended before exit functions run that were registered before this module was imported.
+is ended before exit functions run that were registered before this module was imported. An import in a sub-interpreter
+raises `ImportError`: the module works in the main interpreter only.
 """
 
 from collections.abc import Callable
@@ -100,7 +101,10 @@ class DBCore:
             10. status: `int` from 0 to 255, the server's meaning.
         notifyExisting: true to be called, before this method returns and in the calling thread, for the alarms that
             are active now, the one reported last first; 0 to be called for later ones only. Those that come in while
-            this method runs are delivered by it too, behind the active ones; later ones in the receive thread.
+            this method runs are delivered by it too, behind the active ones; later ones in the receive thread. It
+            delivers at most 100,000 such alarms. Those that come in beyond that before it returns are skipped, and one
+            `RuntimeWarning` gives their number; where warnings are errors, that goes to `sys.unraisablehook` and the
+            registration stands.
 
         Returns None in every case. The first registration stays in force for the life of this object; a later one
         changes nothing, and after a new `Connect` the server is not asked again: make a new `DBCore`. A registration

@@ -145,6 +145,16 @@ class Sane(Rounds):
 
 
 @dataclass(frozen=True)
+class Alarms(Rounds):
+    """Alarms whose values are 1, 2, ..."""
+
+    rounds: int
+
+    def sent(self, number: int) -> bytes:
+        return wire.system_notification(1, struct.pack("<IIHHHBBdd", 1_700_000_000, 0, 0, 0, 0, 1, 2, number + 1, 2.5))
+
+
+@dataclass(frozen=True)
 class Same(Rounds):
     """The same bytes again and again."""
 

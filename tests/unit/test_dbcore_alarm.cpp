@@ -408,7 +408,7 @@ TEST_F(Alarms, OnesPushedBeforeARegistrationThatFailsAreSkipped)
     ExpectEnded();
 }
 
-TEST(HeldAlarms, AreKeptInOrderWhileARegistrationIsUnderWayAndNotWithoutLimit)
+TEST(HeldAlarms, AreKeptInOrderWhileARegistrationIsUnderWay)
 {
     CHeldAlarms held;
     held.Add({1});
@@ -423,12 +423,34 @@ TEST(HeldAlarms, AreKeptInOrderWhileARegistrationIsUnderWayAndNotWithoutLimit)
     EXPECT_EQ(alarms[0].almtm, 2U);
     EXPECT_EQ(alarms[1].almtm, 3U);
     EXPECT_TRUE(held.Take().empty());
-    for (size_t i = 0; i <= CHeldAlarms::MOST; ++i)
-        held.Add({4});
-    EXPECT_EQ(held.Take().size(), CHeldAlarms::MOST);
+    EXPECT_EQ(held.TakeSkipped(), 0U);
     held.Add({5});
     held.End();
     EXPECT_TRUE(held.Take().empty()) << "forgotten with the registration";
+}
+
+TEST(HeldAlarms, AreBoundedForAWholeRegistrationAndTheOthersAreCounted)
+{
+    CHeldAlarms held;
+    held.Begin();
+    const auto add = [&](size_t nAlarms) {
+        for (size_t i = 0; i < nAlarms; ++i)
+            held.Add({4});
+    };
+    add(CHeldAlarms::MOST - 1);
+    EXPECT_EQ(held.Take().size(), CHeldAlarms::MOST - 1);
+    add(3);
+    EXPECT_EQ(held.Take().size(), 1U) << "what has been taken counts";
+    add(4);
+    EXPECT_TRUE(held.Take().empty());
+    EXPECT_EQ(held.TakeSkipped(), 6U);
+    EXPECT_EQ(held.TakeSkipped(), 0U) << "told once";
+    add(1);
+    held.End();
+    held.Begin();
+    EXPECT_EQ(held.TakeSkipped(), 0U) << "another registration";
+    add(1);
+    EXPECT_EQ(held.Take().size(), 1U);
 }
 
 /// Plays the server's part of a registration with this many active alarms.
