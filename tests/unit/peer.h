@@ -113,7 +113,7 @@ struct SRequests
         EXPECT_TRUE(client.m_reqSock.Create());
         EXPECT_TRUE(client.m_reqSock._Connect("127.0.0.1", listener.Port()));
         listener.Accept(server);
-        client.m_reqSock.SetTimeOut(200);
+        client.m_reqSock.SetTimeOut(20'000); // a busy machine must not run into it
     }
     CClientSock client;
     CSyncSocket server;

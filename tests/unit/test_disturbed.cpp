@@ -183,6 +183,8 @@ TEST_F(CDisturbedStream, AStallOrAnEndAtAnyByteLeavesAPrefix)
         stream = stream + note.sent;
     for (size_t nAt = 0; nAt <= stream.size(); ++nAt) {
         for (const bool bEnd : {false, true}) {
+            if (bEnd && nAt % 6 != 0)
+                continue; // an end differs from a stall in how soon it is seen only
             m_told.clear();
             if (nAt > 0)
                 m_rcv.Send(Bytes(stream.begin(), stream.begin() + static_cast<long>(nAt)));

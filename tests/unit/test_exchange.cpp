@@ -208,6 +208,7 @@ TEST(Exchange, WithoutAConnectionIsNotOpen)
 TEST(Exchange, EndsTheConnectionAfterATimeOut)
 {
     SRequests requests;
+    requests.client.m_reqSock.SetTimeOut(200);
     {
         const CExchange exchange(requests.client);
         char ch = 0;
@@ -220,6 +221,7 @@ TEST(Exchange, EndsTheConnectionAfterATimeOut)
 TEST(Exchange, EndsTheConnectionWhenARequestCannotBeSentInTime)
 {
     SRequests requests;
+    requests.client.m_reqSock.SetTimeOut(200);
     const std::string big(16 << 20, 'x');
     {
         const CExchange exchange(requests.client);
@@ -255,7 +257,8 @@ private:
 
 TEST(Exchange, AWholeReplyHasToComeWithinTwiceTheTimeOut)
 {
-    SRequests requests; // 200 ms
+    SRequests requests;
+    requests.client.m_reqSock.SetTimeOut(200);
     const auto begin = std::chrono::steady_clock::now();
     std::vector<char> buf(100'000);
     std::optional<CTrickle> trickle;
@@ -274,6 +277,7 @@ TEST(Exchange, AWholeReplyHasToComeWithinTwiceTheTimeOut)
 TEST(Exchange, APeerThatNeverPausesIsBoundToo)
 {
     SRequests requests;
+    requests.client.m_reqSock.SetTimeOut(200);
     requests.server.SetTimeOut(5000);
     std::optional<std::thread> talker;
     {
