@@ -192,7 +192,7 @@ PyTypeObject g_coreType = MakeType("RkDBAccess.DBCore", "DBCore objects", sizeof
 PyObject* EndConnections(PyObject*, PyObject*)
 {
     DBEndAll();
-    Py_RETURN_NONE;
+    return Result(NewNone());
 }
 
 PyMethodDef g_endConnections = {"end_connections", EndConnections, METH_NOARGS, nullptr};

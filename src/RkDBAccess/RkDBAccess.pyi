@@ -10,8 +10,13 @@ What holds for every method:
   interpreter's own `SystemError` ("... returned NULL without setting an exception"): `DBCore.GetDriver` with a name
   the project lacks, and `Driver.GetTagValue` of one tag whose value has no Python form.
 * A call keeps the interpreter lock from its start to its end, also while it waits for the network. No other Python
-  thread runs meanwhile. A wait for the server's next bytes is bounded by the time-out of the connection: 8 seconds
-  for a direct address, 13 seconds through a relay centre.
+  thread runs meanwhile. With T the time-out of the connection (8 seconds for a direct address, 13 seconds through a
+  relay centre) the server's next bytes must come within T, a request's whole reply within 2 T, and a download must
+  bring 4 KiB or its end in every T.
+* Signal handlers of the script run while a call waits in the main thread. One that raises ends the call with its
+  exception within 0.2 seconds, and the connection with it.
+* A connection is right or it has ended: an answer that stays away, is cut short or is none, bytes that nobody asked
+  for, or a change whose rest does not come, end both TCP connections.
 * Driver and tag names may hold every character of GB2312 (ASCII, Chinese, ...). They cross the network in GB2312.
 * All arguments are positional.
 

@@ -60,6 +60,10 @@ timed(read, boiler, "A")
 time.sleep(2.5)
 timed(read, boiler, "C")
 timed(read, boiler, "A,B")
+try:
+    core.GetDriver("Boiler")
+except SystemError:
+    results.append(["ended", 0, 0])
 """
 INTERRUPTED = """
 signal.signal(signal.SIGALRM, lambda *_: None)
@@ -115,6 +119,14 @@ def late(data: bytes) -> Steps:
     return d.pause(T + 1.5) + d.send_anyway("req", data) + d.want_eof("req")
 
 
+def trickling(data: bytes, name: str = "req") -> Steps:
+    """A reply of which a byte comes every three seconds, for as long as the client takes it."""
+    steps: Steps = []
+    for number in range(min(len(data), 9)):
+        steps += d.send_anyway(name, data[number : number + 1]) + d.pause(3)
+    return steps
+
+
 A_ASKED = d.connecting(PROJECT) + d.want("req", wire.lookup_request(0, ["A"]))
 A_READ = A_ASKED + d.send("req", wire.lookup_reply([5])) + d.want("req", wire.read_request([(0, 5)]))
 A_IS_666 = wire.read_block([wire.typed(wire.VT_I4, 666)])
@@ -162,6 +174,29 @@ SCENARIOS = {
     "read, without the next block": Scenario(
         A_READ + d.send("req", wire.read_block([], more=True)) + late(A_IS_666), READS_A + THEN_OTHERS
     ),
+    "advise": Scenario(
+        d.connecting(PROJECT)
+        + d.looking_up(["A"], [5])
+        + d.want("req", b"b\x01\x00\0\0\x05\0\0")
+        + late(b"b\x06\x00\x03\x00\x9a\x02\0\0"),
+        READS + 'timed(lambda: boiler.ConnectTag("A") or None)\n' + THEN_OTHERS,
+    ),
+    # Bytes that keep coming, each in time.
+    "trickled login": Scenario(
+        d.up_to_login(PROJECT)
+        + d.want("req", wire.login_request(d.USER.encode(), d.PASSWORD.encode()))
+        + trickling(wire.login_reply(0xFF)),
+        CONNECTS,
+    ),
+    "trickled register reply": Scenario(
+        d.opening() + d.accept("rcv") + d.want_register() + trickling(wire.RegisterReply(b"p").scrambled(), "rcv"),
+        CONNECTS,
+    ),
+    "trickled header": Scenario(FETCHED + trickling(HALF_BODY), CONNECTS),
+    "trickled body": Scenario(FETCHED + d.send("req", HALF_BODY) + trickling(bytes(100)), CONNECTS),
+    "trickled lookup": Scenario(A_ASKED + trickling(wire.lookup_reply([5])), READS_A),
+    "trickled read": Scenario(A_READ + trickling(A_IS_666), READS_A),
+    "endless blocks": Scenario(A_READ + d.flood("req", wire.read_block([], more=True) * 1000), READS_A),
 }
 
 
@@ -180,7 +215,7 @@ def waited_once(seconds: float, bound: float = T) -> bool:
 
 
 CONNECTING = ["open", "open, interrupted", "register", "login", "header", "body"]
-REQUESTING = [name for name in SCENARIOS if name.startswith(("lookup", "read"))]
+REQUESTING = [name for name in SCENARIOS if name.startswith(("lookup", "read", "advise"))]
 
 
 @pytest.mark.parametrize("silent_at", CONNECTING)
@@ -211,8 +246,24 @@ def test_a_reply_that_comes_too_late_is_never_taken_and_later_requests_fail_at_o
     assert value is None
     assert waited_once(seconds), seconds
     assert computing < 1
-    assert [value for value, _, _ in later] == [None] * 4
+    assert [value for value, _, _ in later] == [None] * 4 + ["ended"]
     assert max(seconds for _, seconds, _ in later) < T / 2
+
+
+@pytest.mark.parametrize("trickled", [name for name in SCENARIOS if name.startswith("trickled")])
+def test_an_answer_that_trickles_is_given_up(runs: dict[str, Run], trickled: str) -> None:
+    # A whole reply has twice the time-out; a download has to bring 4 KiB in each.
+    bound = T if trickled.endswith(("header", "body")) else 2 * T
+    [(value, seconds, computing)] = runs[trickled].results()
+    assert value == (FAILED if SCENARIOS[trickled].calls == CONNECTS else None)
+    assert bound - 0.2 <= seconds <= bound + 0.75 * T, seconds
+    assert computing < 1
+
+
+def test_blocks_without_an_end_are_given_up(runs: dict[str, Run]) -> None:
+    [(value, seconds, _)] = runs["endless blocks"].results()
+    assert value is None
+    assert 2 * T - 0.2 <= seconds <= 2 * T + 0.75 * T, seconds
 
 
 def test_a_host_that_never_answers_is_given_up_by_the_time_out() -> None:
