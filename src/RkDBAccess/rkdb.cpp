@@ -160,7 +160,8 @@ void DBEndAll()
         return 0;
     });
     // A thread that awaits the interpreter lock now must have it and be gone before the interpreter ends.
-    for (auto nLeft = EXIT_STEPS; nLeft > 0 && CDBCore::CountThreads() > 0 && !PyErr_CheckSignals(); --nLeft) {
+    for (auto nLeft = EXIT_STEPS; nLeft > 0 && CDBCore::CountThreads() > 0 && !PyErr_CheckSignals();
+         --nLeft) {
         PyThreadState* pState = PyEval_SaveThread();
         std::this_thread::sleep_for(EXIT_STEP);
         PyEval_RestoreThread(pState);
