@@ -110,7 +110,8 @@ class Judge:
         if ended is not None:
             self.ends[server["end"]] = self.ends.get(server["end"], 0) + 1
         if ended is not None and not server["may_end"] and (fault is None or ended < fault - 1):
-            self.violate(NO_CAUSE, name)
+            notes = "; ".join(server["notes"])
+            self.violate(NO_CAUSE, f"{name}, at {ended:.2f}: {client['why']}; done was, until {fault}: {notes}")
         since = [at for at in (server["must_end_at"], server["gave_up_at"]) if at is not None]
         late = (client["closed_at"] if ended is None else ended) - min(since, default=float("inf"))
         if late > LATE:

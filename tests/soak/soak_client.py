@@ -63,6 +63,7 @@ class Attempt:
     def __init__(self, host: str, worker: int, number: int, counts: Counts, until: float, rng: random.Random) -> None:
         self.rng, self.counts = rng, counts
         self._until = until
+        self._took = 0.0  # by the last call, in seconds
         self.report = ClientReport(worker, number, connect=1)
         self.db: DBCore = DBCore()
         folder = MIRROR_ROOT / host.replace(":", "_")
@@ -88,8 +89,11 @@ class Attempt:
             return self.db.GetDriver(name)
         if self.stands(other):
             self.complain(WRONG, f"Connect gave 0, there is {other} but no {name}")
-        self.report.ended_at = time.monotonic()
+        self._ended(f"there is no {name}")
         raise Over
+
+    def _ended(self, why: str) -> None:
+        self.report.ended_at, self.report.why = time.monotonic(), why
 
     def stands(self, name: str) -> bool:
         """Whether the connection stands, as the documents say to ask."""
@@ -104,7 +108,7 @@ class Attempt:
         if self.report.violated:
             raise Over
         if not self.stands(name):
-            self.report.ended_at = time.monotonic()
+            self._ended("it was asked")
             raise Over
         if time.monotonic() > self._until or is_told_to_stop():
             raise Over
@@ -113,8 +117,9 @@ class Attempt:
         """A call of the module, which must come back in time."""
         started = time.monotonic()
         result = do()
-        if (took := time.monotonic() - started) > CALL_BOUND:
-            self.complain(LATE_END, f"{what} took {took:.1f} s")
+        self._took = time.monotonic() - started
+        if self._took > CALL_BOUND:
+            self.complain(LATE_END, f"{what} took {self._took:.1f} s")
         return result
 
     def failed(self, name: str, what: str) -> None:
@@ -125,7 +130,7 @@ class Attempt:
                 self.complain(LATE_END, f"{what} gave nothing, and the connection stands")
                 raise Over
             time.sleep(0.01)
-        self.report.ended_at = time.monotonic()
+        self._ended(f"{what} gave nothing, {self._took:.2f} s")
         raise Over
 
     def close(self, delivered: Callable[[], int]) -> None:

@@ -17,7 +17,7 @@ import sys
 import threading
 import time
 from collections.abc import Iterable
-from dataclasses import asdict, dataclass
+from dataclasses import asdict, dataclass, field
 
 T = 8.0  # seconds that the client waits for a server's next bytes
 SLACK = 2.0  # a pause this near to T decides nothing: either outcome is right
@@ -54,6 +54,10 @@ class ServerReport:
     must_end_at: float | None = None  # from when on the connection has to end
     gave_up_at: float | None = None  # when the client had closed one of the two connections
     sent: int | None = None  # changes and alarms that went out whole
+    notes: list[str] = field(default_factory=list)  # what was done last, for people
+
+    def note(self, text: str) -> None:
+        self.notes = [*self.notes[-7:], f"{time.monotonic():.2f} {text}"]
 
     def tell(self) -> None:
         tell("attempt", side="server", **asdict(self))
@@ -75,6 +79,7 @@ class ClientReport:
     attempt: int
     connect: int
     delivered: int = 0
+    why: str = ""  # by what it was seen
     ended_at: float | None = None  # when the connection was seen to have ended; None: the client ended it
     closed_at: float = 0.0
     violated: bool = False

@@ -40,6 +40,7 @@ class Attempt:
     async def pause(self, line: str, seconds: float) -> None:
         """Several pauses of one exchange count as one."""
         started = time.monotonic()
+        self.report.note(f"pause of {seconds:.2f} s on {line}")
         await asyncio.sleep(seconds)
         now = time.monotonic()
         self._pauses = [one for one in self._pauses if one[1] > now - 2 * T] + [(line, now, now - started)]
@@ -132,7 +133,8 @@ class Line:
                 report.gave_up_at = time.monotonic()
             return
         if report.fault_at is None and report.gave_up_at is None:
-            report.fault_at = report.must_end_at = time.monotonic()  # the simulator has ended it
+            report.fault_at = report.must_end_at = time.monotonic()
+            report.note(f"the simulator has ended {self.name}")
         if direction not in self._ended:
             self._ended.add(direction)
             with contextlib.suppress(OSError):

@@ -135,6 +135,8 @@ class Conversation:
 
     def _sleep(self, seconds: float) -> None:
         started = time.monotonic()
+        if seconds > 0.1:
+            self.report.note(f"pause of {seconds:.2f} s")
         if self.over.wait(seconds):
             raise Gone
         self.report.pause(time.monotonic() - started)
@@ -205,6 +207,8 @@ class Conversation:
         if not starts and self.plan.end in REPLY_ENDS and time.monotonic() - self._started > self.plan.reply_after:
             self._last_reply(data, at)
         manner = rng.random()
+        if manner >= 0.75:
+            self.report.note(f"reply of {len(data)} bytes in pieces, {data[:1]!r}")
         if manner < 0.75:
             self._send("ask", data)
         elif manner < (0.95 if starts else 0.985):
@@ -377,6 +381,7 @@ class Conversation:
     def _trouble(self) -> None:
         """Something that the client must live through."""
         rng, kind = self._stream_rng, self._stream_rng.random()
+        self.report.note(f"trouble {kind:.3f}")
         if kind < 0.4:
             self._pour_to(self.unit.inside(self._sent_bytes, rng))
             self._sleep(short_pause(rng))
