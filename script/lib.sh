@@ -36,3 +36,11 @@ build() {
     cmake --build --preset "$preset" --parallel "$(nproc)" "${target[@]}" -- "${ninja[@]}" ||
         die "building $preset failed"
 }
+
+# runtime NAME: the compiler's own copy of a run-time library, by its full path.
+runtime() {
+    local path
+    path=$(g++ -print-file-name="$1")
+    [ "$path" != "$1" ] || die "g++ has no $1"
+    printf '%s' "$path"
+}

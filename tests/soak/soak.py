@@ -1,4 +1,4 @@
-"""Lets clients, servers and a network that breaks in every way run for minutes, and counts what is wrong: nothing may be.
+"""Lets clients, servers and a network that breaks in every way run for minutes, and counts what is wrong.
 
     script/soak MINUTES [--preset P] [--seed S] [--fast N] [--plants N]
 
@@ -27,9 +27,8 @@ import time
 from pathlib import Path
 from typing import Any
 
-import soak_plant
-from soak_client import MIRROR_ROOT
-from soak_faults import LATE, LATE_END, NO_CAUSE, PATIENCE, VIOLATIONS, WRONG
+import soak_project
+from soak_faults import LATE, LATE_END, MIRROR_ROOT, NO_CAUSE, PATIENCE, VIOLATIONS, WRONG
 
 HERE = Path(__file__).resolve().parent
 Message = dict[str, Any]
@@ -38,9 +37,13 @@ Message = dict[str, Any]
 class Child:
     """A process of the soak. What it says goes to one queue, with its name."""
 
-    def __init__(self, name: str, command: list[str], said: queue.Queue[tuple[str, Message]]) -> None:
+    def __init__(
+        self, name: str, command: list[str], said: queue.Queue[tuple[str, Message]], preload: str = ""
+    ) -> None:
         self.name = name
-        self.process = subprocess.Popen(command, stdin=subprocess.PIPE, stdout=subprocess.PIPE, text=True)
+        more = {"LD_PRELOAD": preload, "PYTHONMALLOC": "malloc"} if preload else {}
+        pipe = subprocess.PIPE
+        self.process = subprocess.Popen(command, stdin=pipe, stdout=pipe, text=True, env={**os.environ, **more})
         self._said = said
         self._reader = threading.Thread(target=self._read, daemon=True)
         self._reader.start()
@@ -176,14 +179,14 @@ class Soak:
             name, rest = "soak_proxy.py", (arguments.seed, upstream, arguments.plants, self.life)
             ports = self._server("proxy", name, *rest, count=arguments.plants)
             for worker, port in sorted(ports.items()):
-                rest = (port, worker, arguments.seed, until, self.life, plant_start)
-                self._client(f"plant {worker}", "soak_plant.py", *rest)
+                where = (port, worker, arguments.seed, until, self.life, plant_start)
+                self._client(f"plant {worker}", "soak_plant.py", *where)
 
-    def _child(self, name: str, program: str, *arguments: object) -> Child:
-        return Child(name, [sys.executable, str(HERE / program), *map(str, arguments)], self._said)
+    def _child(self, name: str, program: str, *arguments: object, preload: str = "") -> Child:
+        return Child(name, [sys.executable, str(HERE / program), *map(str, arguments)], self._said, preload)
 
     def _client(self, *arguments: Any) -> None:
-        self._clients.append(self._child(*arguments))
+        self._clients.append(self._child(*arguments, preload=self.arguments.preload))
 
     def _server(self, *arguments: Any, count: int = 1) -> dict[int, int]:
         """Starts one and waits until it says where it listens: the port of each worker."""
@@ -203,7 +206,7 @@ class Soak:
 
     def _simulate(self, folder: Path) -> int:
         project = folder / "soak.toml"
-        project.write_text(soak_plant.project_file(self.arguments.plants), encoding="utf-8")
+        project.write_text(soak_project.project_file(self.arguments.plants), encoding="utf-8")
         command = [self.arguments.simulator, "--quiet", "--port", "0", str(project)]
         self._simulator = subprocess.Popen(command, stdout=subprocess.PIPE, stderr=subprocess.DEVNULL, text=True)
         assert self._simulator.stdout is not None
@@ -252,9 +255,13 @@ class Soak:
     def table(self) -> bool:
         """Prints what was counted. True: nothing was wrong."""
         judge, took = self.judge, time.monotonic() - self.started
-        print(f"seed {self.arguments.seed}, {took:.0f} s, {self.arguments.fast} fast clients, {self.arguments.plants} plants")
+        numbers = f"{self.arguments.fast} fast clients, {self.arguments.plants} plants"
+        print(f"seed {self.arguments.seed}, {took:.0f} s, {numbers}")
         rows = [(name, f"{judge.total(name):,}") for name in ("changes", "alarms", "reads", "writes", "subscriptions")]
-        rows += [("connected", f"{judge.total('connects'):,}"), ("Connect failed", f"{judge.total('connects_failed'):,}")]
+        rows += [
+            ("connected", f"{judge.total('connects'):,}"),
+            ("Connect failed", f"{judge.total('connects_failed'):,}"),
+        ]
         rows += [("drops", f"{judge.total('drops'):,}")]
         rows += [(what, f"{count:,}") for what, count in judge.violations.items()]
         for what, unit in (("rss", 1024), ("malloc", 1024), ("descriptors", 1), ("threads", 1)):
@@ -277,6 +284,7 @@ def main() -> int:
     parser.add_argument("--fast", type=int, default=3, help="clients of fast servers (3)")
     parser.add_argument("--plants", type=int, default=3, help="clients of the simulator (3)")
     parser.add_argument("--life", type=float, default=0.0, help="seconds that a connection lasts at most (30)")
+    parser.add_argument("--preload", default="", help="libraries that the clients load first: a sanitizer's")
     parser.add_argument("--simulator", default=os.environ.get("RKDBSIM", "rkdbsim"))
     arguments = parser.parse_args()
     if arguments.minutes <= 0 or arguments.fast + arguments.plants < 1:

@@ -3,24 +3,22 @@
 from __future__ import annotations
 
 import contextlib
-import os
-import random
 import select
 import shutil
 import sys
 import threading
 import time
 from collections.abc import Callable
+from dataclasses import dataclass
 from pathlib import Path
 from typing import TypeVar
 
 from dialogue import PASSWORD, USER
 from process_memory import in_use
-from soak_faults import LATE, LATE_END, LOST, WRONG, ClientReport, T, tell, violation
+from soak_faults import LATE, LATE_END, LOST, MIRROR_ROOT, WRONG, ClientReport, T, dice, tell, violation
 
 from RkDBAccess import DBCore, Driver
 
-MIRROR_ROOT = Path("/tmp/rkbrowser")
 CALL_BOUND = 2 * T + 10.0  # seconds that one exchange may take, on a busy machine too
 Result = TypeVar("Result")
 
@@ -47,30 +45,45 @@ class Counts:
             tell("counts", **{name: count + (more or {}).get(name, 0) for name, count in self.values.items()})
 
 
+def own(what: str) -> int:
+    """How many entries this process has there."""
+    return sum(1 for _ in Path("/proc/self", what).iterdir())
+
+
 def settled_usage() -> dict[str, int]:
     """What this process has of everything, once the threads of ended connections have left."""
     deadline = time.monotonic() + 20
-    while len(os.listdir("/proc/self/task")) > threading.active_count() and time.monotonic() < deadline:
+    while own("task") > threading.active_count() and time.monotonic() < deadline:
         time.sleep(0.05)
     given, resident = in_use()
-    descriptors, tasks = len(os.listdir("/proc/self/fd")) - 1, len(os.listdir("/proc/self/task"))
-    return {"rss": resident, "malloc": given, "descriptors": descriptors, "threads": tasks}
+    return {"rss": resident, "malloc": given, "descriptors": own("fd") - 1, "threads": own("task")}
+
+
+@dataclass(frozen=True)
+class Who:
+    """Which client this is, and until when it goes on."""
+
+    host: str
+    worker: int
+    seed: str
+    until: float
+    life: float  # seconds that a connection lasts at most by the plan of the server's side
 
 
 class Attempt:
     """One connection of a client, from Connect to its end."""
 
-    def __init__(self, host: str, worker: int, number: int, counts: Counts, until: float, rng: random.Random) -> None:
-        self.rng, self.counts = rng, counts
-        self._until = until
+    def __init__(self, who: Who, number: int, counts: Counts) -> None:
+        self.rng, self.counts = dice(who.seed, who.worker, number, "client"), counts
+        self._until = who.until
         self._took = 0.0  # by the last call, in seconds
-        self.report = ClientReport(worker, number, connect=1)
+        self.report = ClientReport(who.worker, number, connect=1)
         self.db: DBCore = DBCore()
-        folder = MIRROR_ROOT / host.replace(":", "_")
-        if rng.random() < 0.4:
+        folder = MIRROR_ROOT / who.host.replace(":", "_")
+        if self.rng.random() < 0.4:
             shutil.rmtree(folder, ignore_errors=True)  # so that the next Connect fetches everything
         started = time.monotonic()
-        self.report.connect = self.db.Connect(host, USER, PASSWORD)
+        self.report.connect = self.db.Connect(who.host, USER, PASSWORD)
         counts.add("connects" if self.report.connect == 0 else "connects_failed")
         if time.monotonic() - started > 3 * CALL_BOUND:
             self.complain(LATE_END, f"Connect took {time.monotonic() - started:.1f} s")

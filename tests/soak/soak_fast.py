@@ -1,6 +1,6 @@
 """A client of a soak's fast server (soak_sender.py): every change is compared with the one that must come next.
 
-    python soak_fast.py PORT WORKER SEED UNTIL LIFE
+python soak_fast.py PORT WORKER SEED UNTIL LIFE
 """
 
 from __future__ import annotations
@@ -11,8 +11,8 @@ import time
 from collections.abc import Callable
 
 from client import items
-from soak_client import Attempt, Counts, Over, is_told_to_stop, lost, settled_usage
-from soak_faults import DISORDER, LATE, LOST, WRONG, dice, tell
+from soak_client import Attempt, Counts, Over, Who, is_told_to_stop, lost, settled_usage
+from soak_faults import DISORDER, LATE, LOST, WRONG, tell
 from soak_sender import READ_TAGS, padding
 from soak_stream import ACTIVE, DRIVER, NAMES, UNIT, Told, Unit, alarm_told
 
@@ -140,7 +140,7 @@ class Fast(Attempt):
     def _values(self, names: list[str]) -> list[object]:
         value = self.call("GetTagValue", lambda: self.boiler.GetTagValue(",".join(names)))
         self.counts.add("reads", len(names))
-        values = items(value) if type(value) is list else [value]
+        values: list[object] = items(value) if type(value) is list else [value]
         if value is None or len(values) != len(names):
             self.failed(DRIVER, f"GetTagValue of {len(names)} names")
         return values
@@ -206,21 +206,23 @@ class Fast(Attempt):
             if delivered != before:
                 since = now
             if now - since > LATE:
-                lost(self, f"{delivered} of {sent} notifications were told, and the connection stands", sent - delivered)
+                lost(
+                    self, f"{delivered} of {sent} notifications were told, and the connection stands", sent - delivered
+                )
             if now - wrote > 0.3:
                 wrote = now
                 self._write()
 
 
-def main(port: int, worker: int, seed: str, until: float, life: float) -> None:
+def main(who: Who) -> None:
     unit, counts, number = Unit(), Counts(), 0
     tell("usage", when="start", **settled_usage())
-    while time.monotonic() < until and not is_told_to_stop():
+    while time.monotonic() < who.until and not is_told_to_stop():
         number += 1
-        attempt = Fast(f"127.0.0.1:{port}", worker, number, counts, until, dice(seed, worker, number, "client"))
+        attempt = Fast(who, number, counts)
         check = Check(unit, attempt.complain)
         with contextlib.suppress(Over):
-            attempt.run(check, life)
+            attempt.run(check, who.life)
         attempt.close(check.delivered)
         counts.add("changes", check.delivered())
         counts.add("alarms", check.alarms)
@@ -232,4 +234,5 @@ def main(port: int, worker: int, seed: str, until: float, life: float) -> None:
 
 
 if __name__ == "__main__":
-    main(int(sys.argv[1]), int(sys.argv[2]), sys.argv[3], float(sys.argv[4]), float(sys.argv[5]))
+    port, worker, seed, until, life = sys.argv[1:]
+    main(Who(f"127.0.0.1:{port}", int(worker), seed, float(until), float(life)))

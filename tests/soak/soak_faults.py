@@ -18,12 +18,14 @@ import threading
 import time
 from collections.abc import Iterable
 from dataclasses import asdict, dataclass, field
+from pathlib import Path
 
 T = 8.0  # seconds that the client waits for a server's next bytes
 SLACK = 2.0  # a pause this near to T decides nothing: either outcome is right
 LATE = 2 * T + 10.0  # a connection that must end is seen as ended within this time, on a busy machine too
 PATIENCE = LATE + 10.0  # the server's side leaves an ended conversation open for so long, to see who ends it
 
+MIRROR_ROOT = Path("/tmp/rkbrowser")  # where the module keeps its copies of files, as it is built here
 WRONG, LOST, DISORDER, LATE_END, NO_CAUSE = "wrong", "lost", "out of order", "ended late", "ended without cause"
 VIOLATIONS = (WRONG, LOST, DISORDER, LATE_END, NO_CAUSE)
 

@@ -2,7 +2,7 @@
 
     python soak_plant.py PORT WORKER SEED UNTIL LIFE PLANT_START
 
-What the simulator's tags do is known (project_file): so each change has one right value, each read a few.
+What the simulator's tags do is known (soak_project.py): so each change has one right value, each read a few.
 """
 
 from __future__ import annotations
@@ -13,37 +13,10 @@ import time
 from collections.abc import Callable
 
 from client import items
-from soak_client import Attempt, Counts, Over, is_told_to_stop, settled_usage
-from soak_faults import DISORDER, LATE, LOST, WRONG, dice, tell
+from soak_client import Attempt, Counts, Over, Who, is_told_to_stop, settled_usage
+from soak_faults import DISORDER, LATE, LOST, WRONG, tell
+from soak_project import LIMIT, OTHER, PERIOD_MS, PLANT, RAMP_NAMES, READ_NAMES, TEXTS
 from soak_sender import padding
-
-PERIOD_MS = 20
-RAMPS = 40
-TEXTS = ["", "a" * 5, "泵" * 300, "b" * 3000, "cd" * 700, "e"]
-LIMIT = 100.0
-PLANT, OTHER = "Plant", "Own"
-RAMP_NAMES = [f"R{number:02d}" for number in range(RAMPS)]
-READ_NAMES = [f"S{number:03d}" for number in range(600)]  # ramps in step with the others, never subscribed
-
-
-def project_file(clients: int) -> str:
-    """The simulator's project: a driver that moves by itself, and one whose tags are each written by one client."""
-    ramp = 'type = "i4"\nmotion = { kind = "ramp", low = 0, high = 2000000000, step = 1 }\n'
-    texts = ", ".join(f'"{text}"' for text in TEXTS)
-    parts = [
-        '[project]\nname = "soak"\n[[user]]\nname = "operator"\npassword = "secret"\nrights = 8\n',
-        f'[[driver]]\nname = "{PLANT}"\nperiod_ms = {PERIOD_MS}\n',
-        f'[[driver.tag]]\nname = "R%02d"\ncount = {RAMPS}\n{ramp}',
-        f'[[driver.tag]]\nname = "S%03d"\ncount = {len(READ_NAMES)}\n{ramp}',
-        f'[[driver.tag]]\nname = "Text"\ntype = "str"\nmotion = {{ kind = "cycle", values = [{texts}] }}\n',
-        f'[[driver]]\nname = "{OTHER}"\n',
-    ]
-    for client in range(clients):
-        for name, kind in (("T", "str"), ("N", "i4"), ("A", "r8")):
-            parts.append(f'[[driver.tag]]\nname = "{name}{client}"\ntype = "{kind}"\n')
-    for client in range(clients):
-        parts.append(f'[[alarm]]\ndriver = "{OTHER}"\ntag = "A{client}"\nhigh = {LIMIT}\ntype = "高"\ngroup = "G{client}"\n')
-    return "\n".join(parts)
 
 
 class Check:
@@ -61,7 +34,7 @@ class Check:
         self.changes += 1
         before = self.last.get(tag)
         if tag == "Text":
-            now = TEXTS.index(value) if value in TEXTS else -1  # type: ignore[arg-type]
+            now = TEXTS.index(value) if value in TEXTS else -1
             expected = None if before is None else (before + 1) % len(TEXTS)
         else:
             now = value if type(value) is int else -1
@@ -93,7 +66,12 @@ class Check:
             self.unnamed = self.unnamed or time.monotonic()
             return
         name = str(tag)
-        right = kind == "高" and group == f"G{name[1:]}" and (level, limit) == (0, LIMIT) and has_event == 1 - int(str(status))
+        right = (
+            kind == "高"
+            and group == f"G{name[1:]}"
+            and (level, limit) == (0, LIMIT)
+            and has_event == 1 - int(str(status))
+        )
         if not right or not isinstance(value, float) or (value > LIMIT) != (status == 1):
             self._complain(WRONG, f"the alarm {alarm}", 1)
             return
@@ -119,13 +97,13 @@ class Serials:
 class Plant(Attempt):
     """One connection to the simulator."""
 
-    def run(self, check: Check, worker: int, serials: Serials, life: float, plant_start: float) -> None:
+    def run(self, check: Check, who: Who, serials: Serials, plant_start: float) -> None:
         if self.report.connect != 0:
             raise Over
         self.seen, self.serials, self._plant_start = check, serials, plant_start
-        self.text, self.number, self.alarm = f"T{worker}", f"N{worker}", f"A{worker}"
+        self.text, self.number, self.alarm = f"T{who.worker}", f"N{who.worker}", f"A{who.worker}"
         self.plant, self.own = self.driver(PLANT, OTHER), self.driver(OTHER, PLANT)
-        end = time.monotonic() + (life * self.rng.random() if self.rng.random() < 0.3 else 2 * life + 30)
+        end = time.monotonic() + (who.life * self.rng.random() if self.rng.random() < 0.3 else 2 * who.life + 30)
         self._begin()
         turns = [self._read_stored, self._read_ramps, self._write_number, self._write_text, self._raise, self._settle]
         while time.monotonic() < end:
@@ -230,15 +208,15 @@ class Plant(Attempt):
                 self.complain(LOST, f"writes did not come back: {count}", sum(count.values()))
 
 
-def main(port: int, worker: int, seed: str, until: float, life: float, plant_start: float) -> None:
+def main(who: Who, plant_start: float) -> None:
     counts, serials, number = Counts(), Serials(), 0
     tell("usage", when="start", **settled_usage())
-    while time.monotonic() < until and not is_told_to_stop():
+    while time.monotonic() < who.until and not is_told_to_stop():
         number += 1
-        attempt = Plant(f"127.0.0.1:{port}", worker, number, counts, until, dice(seed, worker, number, "client"))
+        attempt = Plant(who, number, counts)
         check = Check(attempt.complain)
         with contextlib.suppress(Over):
-            attempt.run(check, worker, serials, life, plant_start)
+            attempt.run(check, who, serials, plant_start)
         attempt.close(lambda check=check: check.changes)  # type: ignore[misc]
         counts.add("changes", check.changes)
         counts.add("alarms", check.alarms)
@@ -250,4 +228,5 @@ def main(port: int, worker: int, seed: str, until: float, life: float, plant_sta
 
 
 if __name__ == "__main__":
-    main(int(sys.argv[1]), int(sys.argv[2]), sys.argv[3], *(float(text) for text in sys.argv[4:7]))
+    port, worker, seed, until, life, plant_start = sys.argv[1:]
+    main(Who(f"127.0.0.1:{port}", int(worker), seed, float(until), float(life)), float(plant_start))

@@ -41,9 +41,13 @@ class Attempt:
         """Several pauses of one exchange count as one."""
         started = time.monotonic()
         self.report.note(f"pause of {seconds:.2f} s on {line}")
+        self._note_pause(line, seconds)  # the client may end the connection in the middle of it
         await asyncio.sleep(seconds)
+        self._note_pause(line, time.monotonic() - started - seconds)  # it may have been longer
+
+    def _note_pause(self, line: str, seconds: float) -> None:
         now = time.monotonic()
-        self._pauses = [one for one in self._pauses if one[1] > now - 2 * T] + [(line, now, now - started)]
+        self._pauses = [one for one in self._pauses if one[1] > now - 3 * T] + [(line, now, seconds)]
         self.report.pause(sum(took for name, _, took in self._pauses if name == line))
 
     def is_due(self) -> bool:
@@ -152,6 +156,7 @@ class Line:
             await attempt.pause(self.name, seconds)
             data = data[at:]
         elif manner < 0.12:
+            attempt.report.note(f"pieces {direction} on {self.name}, {data[:1]!r}")
             for piece in pieces(data[:2000], rng, rng.choice((1, 7, 200))):
                 await self._write(writer, piece, direction)
                 await asyncio.sleep(rng.uniform(0, 0.002))
@@ -190,7 +195,9 @@ class Proxy:
         with contextlib.suppress(OSError):
             first = await reader.read(1)
             if first == b"7":
-                for attempt in self._attempts[-1:]:  # the client has given it up; what it wrote last is not to come late
+                for attempt in self._attempts[
+                    -1:
+                ]:  # the client has given it up; what it wrote last is not to come late
                     attempt.abort()
                 self._attempts.append(Attempt(self._seed, self._worker, len(self._attempts) + 1, self._life))
             if first in (b"7", b"8") and self._attempts:

@@ -137,9 +137,10 @@ class Conversation:
         started = time.monotonic()
         if seconds > 0.1:
             self.report.note(f"pause of {seconds:.2f} s")
+        self.report.pause(seconds)  # the client may end the connection in the middle of it
         if self.over.wait(seconds):
             raise Gone
-        self.report.pause(time.monotonic() - started)
+        self.report.pause(time.monotonic() - started)  # it may have been longer
 
     def _send(self, name: str, data: bytes) -> None:
         connection = self._sockets[name]
@@ -435,10 +436,18 @@ class Conversation:
         whole, deadline = self.unit.count_at(self._sent_bytes), time.monotonic() + PATIENCE
         while self.seen < whole:
             self._wait_over(0.02)
+            with contextlib.suppress(BlockingIOError):
+                if not self._sockets["hear"].recv(1, socket.MSG_DONTWAIT):
+                    raise Gone
             if time.monotonic() > deadline:
                 text = f"the client was told {self.seen} of {whole} and stands still"
                 violation("lost", f"worker {self.report.worker}, attempt {self.report.attempt}: {text}")
                 raise Gone
+
+
+def stop_at_end_of_input(stop: threading.Event) -> None:
+    sys.stdin.read()
+    stop.set()
 
 
 def serve(seed: str, worker: int, life: float) -> None:
@@ -448,7 +457,7 @@ def serve(seed: str, worker: int, life: float) -> None:
     tell("listening", worker=worker, port=server.getsockname()[1])
     attempts: list[Conversation] = []
     stop = threading.Event()
-    threading.Thread(target=lambda: (sys.stdin.read(), stop.set()), daemon=True).start()
+    threading.Thread(target=stop_at_end_of_input, args=(stop,), daemon=True).start()
     number = 0
     while not stop.is_set():
         for one in [one for one in attempts if one.over.is_set()]:

@@ -30,9 +30,8 @@ ACTIVE = [w.Alarm(alarm_time=1_600_000_000, tag=1, level=7, value=-1.0), w.Alarm
 def alarm_told(alarm: w.Alarm) -> Told:
     """What a callback is given for this alarm."""
     at = datetime.fromtimestamp(alarm.alarm_time)
-    return (at, at, w.TAGS[alarm.tag], 0, w.TEXTS[alarm.kind], w.TEXTS[alarm.group]) + (
-        *(alarm.level, alarm.value, alarm.limit, alarm.status),
-    )
+    texts = (w.TAGS[alarm.tag], 0, w.TEXTS[alarm.kind], w.TEXTS[alarm.group])
+    return (at, at, *texts, alarm.level, alarm.value, alarm.limit, alarm.status)
 
 
 class Unit:
