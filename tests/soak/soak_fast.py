@@ -216,7 +216,6 @@ class Fast(Attempt):
 
 def main(who: Who) -> None:
     unit, counts, number = Unit(), Counts(), 0
-    tell("usage", when="start", **settled_usage())
     while time.monotonic() < who.until and not is_told_to_stop():
         number += 1
         attempt = Fast(who, number, counts)
@@ -227,7 +226,9 @@ def main(who: Who) -> None:
         counts.add("changes", check.delivered())
         counts.add("alarms", check.alarms)
         counts.tell()
-    del attempt, check
+        del attempt, check
+        if number == 1:  # what is allocated once, at the first use, is there now
+            tell("usage", when="start", **settled_usage())
     counts.tell(now=True)
     tell("usage", when="end", **settled_usage())
     tell("done")

@@ -22,13 +22,18 @@ from soak_sender import padding
 class Check:
     """Compares what the callbacks are told with what comes next."""
 
-    def __init__(self, complain: Callable[[str, str, int], None]) -> None:
+    def __init__(self, complain: Callable[[str, str, int], None], plant_start: float) -> None:
         self._complain = complain
+        self._plant_start = plant_start
         self.changes = self.alarms = 0
         self.last: dict[str, int] = {}  # a ramp's value, a text's place in its cycle
         self.own: dict[str, list[object]] = {}  # what was written to a tag of the client's own and is to come back
         self.states: dict[str, tuple[int, float]] = {}  # of an alarm: status, and the last value that raised it
         self.unnamed: float | None = None  # when an alarm without its texts was told
+
+    def newest(self) -> float:
+        """What no ramp can have passed yet."""
+        return (time.monotonic() - self._plant_start) * 1000 / PERIOD_MS + 2
 
     def on_plant(self, driver: str, tag: str, value: object) -> None:
         self.changes += 1
@@ -43,10 +48,12 @@ class Check:
             self._complain(WRONG, f"{driver}/{tag} is {str(value)[:99]}", 1)
         elif expected is not None and now != expected:
             text = f"{driver}/{tag} is {str(value)[:99]} behind number {before}"
-            if tag == "Text" or 0 < now - expected < 100_000:
-                self._complain(LOST, text, max(1, now - expected))
+            if tag == "Text":  # each comes again soon: which it is cannot be told
+                self._complain(LOST, text, 1)
+            elif now > self.newest():
+                self._complain(WRONG, text, 1)
             else:
-                self._complain(DISORDER if 0 < expected - now < 100_000 else WRONG, text, 1)
+                self._complain(LOST if now > expected else DISORDER, text, max(1, now - expected))
         self.last[tag] = now
 
     def on_own(self, driver: str, tag: str, value: object) -> None:
@@ -97,10 +104,10 @@ class Serials:
 class Plant(Attempt):
     """One connection to the simulator."""
 
-    def run(self, check: Check, who: Who, serials: Serials, plant_start: float) -> None:
+    def run(self, check: Check, who: Who, serials: Serials) -> None:
         if self.report.connect != 0:
             raise Over
-        self.seen, self.serials, self._plant_start = check, serials, plant_start
+        self.seen, self.serials = check, serials
         self.text, self.number, self.alarm = f"T{who.worker}", f"N{who.worker}", f"A{who.worker}"
         self.plant, self.own = self.driver(PLANT, OTHER), self.driver(OTHER, PLANT)
         end = time.monotonic() + (who.life * self.rng.random() if self.rng.random() < 0.3 else 2 * who.life + 30)
@@ -186,7 +193,7 @@ class Plant(Attempt):
         names = self.rng.sample(READ_NAMES, self.rng.choice((1, 5, 550)))
         told = self.seen.last.get(RAMP_NAMES[-1], 0)
         values = self._read(self.plant, names)
-        newest = (time.monotonic() - self._plant_start) * 1000 / PERIOD_MS + 2
+        newest = self.seen.newest()
         if any(type(value) is not int or not told - 1 <= value <= newest for value in values):
             self.complain(WRONG, f"{names[:3]}... are {values[:3]}..., at least {told}, at most {newest:.0f}")
         if max(values) != min(values):  # type: ignore[type-var]
@@ -210,18 +217,19 @@ class Plant(Attempt):
 
 def main(who: Who, plant_start: float) -> None:
     counts, serials, number = Counts(), Serials(), 0
-    tell("usage", when="start", **settled_usage())
     while time.monotonic() < who.until and not is_told_to_stop():
         number += 1
         attempt = Plant(who, number, counts)
-        check = Check(attempt.complain)
+        check = Check(attempt.complain, plant_start)
         with contextlib.suppress(Over):
-            attempt.run(check, who, serials, plant_start)
+            attempt.run(check, who, serials)
         attempt.close(lambda check=check: check.changes)  # type: ignore[misc]
         counts.add("changes", check.changes)
         counts.add("alarms", check.alarms)
         counts.tell()
-    del attempt, check
+        del attempt, check
+        if number == 1:  # what is allocated once, at the first use, is there now
+            tell("usage", when="start", **settled_usage())
     counts.tell(now=True)
     tell("usage", when="end", **settled_usage())
     tell("done")
