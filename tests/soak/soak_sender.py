@@ -19,7 +19,22 @@ from collections.abc import Callable
 import dialogue as d
 import live_wire as w
 import wire
-from soak_faults import LATE, PATIENCE, SLACK, ServerReport, T, dice, pieces, set_reset, short_pause, tell, violation
+from soak_faults import (
+    DISORDER,
+    LATE,
+    LOST,
+    PATIENCE,
+    SLACK,
+    WRONG,
+    ServerReport,
+    T,
+    dice,
+    pieces,
+    set_reset,
+    short_pause,
+    tell,
+    violation,
+)
 from soak_stream import ACTIVE, KINDS, NAMES, Unit
 
 FIRST_READ, READ_TAGS = 100, 600  # positions of the tags that are only read
@@ -100,7 +115,7 @@ class Conversation:
         self._await_client(name)
         self._open.discard(name)
         if self._open:
-            self.report.gave_up_at = time.monotonic()  # unless the plan has reset it: see must_end_at
+            self.report.gave_up_at = time.monotonic()
         else:
             self.over.set()
 
@@ -169,8 +184,7 @@ class Conversation:
             return
         if hard:
             set_reset(connection)
-            copy = connection.detach()
-            socket.close(copy)
+            socket.close(connection.detach())  # the other thread may be inside: its next call fails
         else:
             connection.shutdown(socket.SHUT_WR)
 
@@ -251,14 +265,14 @@ class Conversation:
             handle = {b"9": self._login, b"4": self._file, b"L": self._look_up, b"b": self._subscribe}
             handle |= {b"H": self._read, b"g": self._write, b"n": self._alarms}
             if command not in handle:
-                violation("wrong", f"the server was sent a request that begins with {command!r}")
+                violation(WRONG, f"the server was sent a request that begins with {command!r}")
                 raise Gone
             handle[command]()
 
     def _login(self) -> None:
         said = self._take_until(b"\0") + self._take_until(b"\0")
         if said != d.USER.encode() + b"\0" + d.PASSWORD.encode() + b"\0":
-            violation("wrong", f"the server was sent the login {said!r}")
+            violation(WRONG, f"the server was sent the login {said!r}")
         self._reply(wire.login_reply(w.MAY_WRITE), starts=True)
 
     def _file(self) -> None:
@@ -316,16 +330,16 @@ class Conversation:
     def _write(self) -> None:
         """Two values: a text that says its number and how much the client was told, and the number."""
         if self._take(2) != b"\2\0" or self._take(6) != struct.pack("<HHH", 0, WRITTEN, wire.VT_STR):
-            violation("wrong", "the server was sent a write with a wrong head")
+            violation(WRONG, "the server was sent a write with a wrong head")
             raise Gone
         text = self._take_until(b"\0")[:-1].decode()
         rest = self._take(10)
         serial, seen, padded = text.split(":")
         whole = padded == padding(int(serial)) and rest == struct.pack("<HHHi", 0, COUNTER, wire.VT_I4, int(serial))
         if not whole:
-            violation("wrong", f"the server was sent the write {text!r} {rest!r}")
+            violation(WRONG, f"the server was sent the write {text!r} {rest!r}")
         if int(serial) != self._serial + 1:
-            violation("out of order", f"the server was sent write {serial} behind {self._serial}")
+            violation(DISORDER, f"the server was sent write {serial} behind {self._serial}")
         self._serial, self.seen, self._last_written = int(serial), int(seen), text
 
     def _alarms(self) -> None:
@@ -334,12 +348,12 @@ class Conversation:
     # The stream.
 
     def _push(self) -> None:
-        host = d.host_name()
-        size = wire.scrambled_size(wire.IDENTIFIER_SIZE + len(wire.register_part(host)))
+        size = wire.scrambled_size(wire.IDENTIFIER_SIZE + len(wire.register_part(d.host_name())))
         self._sockets["hear"].settimeout(PATIENCE)
         while size > 0:
             size -= len(self._sockets["hear"].recv(size) or self._gone())
-        reply = wire.RegisterReply(f"soak{self.report.worker}".encode(), b"title", d.FILE_TIME, self._directory_size())
+        directory_size = len(wire.directory(d.DRIVERS))
+        reply = wire.RegisterReply(f"soak{self.report.worker}".encode(), b"title", d.FILE_TIME, directory_size)
         self._register(reply.scrambled())
         while not self._subscribed.wait(0.2):
             if self._is_over():
@@ -354,10 +368,6 @@ class Conversation:
     @staticmethod
     def _gone() -> bytes:
         raise Gone
-
-    @staticmethod
-    def _directory_size() -> int:
-        return len(wire.directory(d.DRIVERS))
 
     def _register(self, data: bytes) -> None:
         rng = self._stream_rng
@@ -441,7 +451,7 @@ class Conversation:
                     raise Gone
             if time.monotonic() > deadline:
                 text = f"the client was told {self.seen} of {whole} and stands still"
-                violation("lost", f"worker {self.report.worker}, attempt {self.report.attempt}: {text}")
+                violation(LOST, f"worker {self.report.worker}, attempt {self.report.attempt}: {text}")
                 raise Gone
 
 
