@@ -41,11 +41,11 @@ class Attempt:
         """Several pauses of one exchange count as one."""
         started = time.monotonic()
         self.report.note(f"pause of {seconds:.2f} s on {line}")
-        self._note_pause(line, seconds)  # the client may end the connection in the middle of it
+        self.note_pause(line, seconds)  # the client may end the connection in the middle of it
         await asyncio.sleep(seconds)
-        self._note_pause(line, time.monotonic() - started - seconds)  # it may have been longer
+        self.note_pause(line, time.monotonic() - started - seconds)  # it may have been longer
 
-    def _note_pause(self, line: str, seconds: float) -> None:
+    def note_pause(self, line: str, seconds: float) -> None:
         now = time.monotonic()
         self._pauses = [one for one in self._pauses if one[1] > now - 3 * T] + [(line, now, seconds)]
         self.report.pause(sum(took for name, _, took in self._pauses if name == line))
@@ -157,10 +157,12 @@ class Line:
             data = data[at:]
         elif manner < 0.12:
             attempt.report.note(f"pieces {direction} on {self.name}, {data[:1]!r}")
-            for piece in pieces(data[:2000], rng, rng.choice((1, 7, 200))):
+            longest, started = rng.choice((1, 7, 200)), time.monotonic()
+            for piece in pieces(data[: 100 * longest], rng, longest):
                 await self._write(writer, piece, direction)
                 await asyncio.sleep(rng.uniform(0, 0.002))
-            data = data[2000:]
+            data = data[100 * longest :]
+            attempt.note_pause(self.name, time.monotonic() - started)
         if (left := self.stalled_until[direction] - time.monotonic()) > 0:
             await attempt.pause(self.name, left)
         await self._write(writer, data, direction)
