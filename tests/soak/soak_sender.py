@@ -67,7 +67,7 @@ class Plan:
         self.life = rng.uniform(0.05, 1) ** 2 * life
         kind = rng.random()
         self.end = "client"  # the client ends it by itself
-        if kind < 0.06:
+        if kind < 0.12:
             self.end = rng.choice(START_ENDS)
         elif kind < 0.3:
             self.end = rng.choice(REPLY_ENDS)
