@@ -147,7 +147,7 @@ class Soak:
     def __init__(self, arguments: argparse.Namespace) -> None:
         self.arguments = arguments
         self.seconds = arguments.minutes * 60
-        self.life = arguments.life or min(30.0, max(4.0, self.seconds / 8))
+        self.life = arguments.life or min(15.0, max(4.0, self.seconds / 8))
         self.judge = Judge()
         self.failed: list[str] = []
         self._said: queue.Queue[tuple[str, Message]] = queue.Queue()
@@ -283,7 +283,7 @@ def main() -> int:
     parser.add_argument("--seed", default=f"{random.SystemRandom().randrange(10**9)}", help="repeats a schedule")
     parser.add_argument("--fast", type=int, default=3, help="clients of fast servers (3)")
     parser.add_argument("--plants", type=int, default=3, help="clients of the simulator (3)")
-    parser.add_argument("--life", type=float, default=0.0, help="seconds that a connection lasts at most (30)")
+    parser.add_argument("--life", type=float, default=0.0, help="seconds that a connection lasts at most (15)")
     parser.add_argument("--preload", default="", help="libraries that the clients load first: a sanitizer's")
     parser.add_argument("--simulator", default=os.environ.get("RKDBSIM", "rkdbsim"))
     arguments = parser.parse_args()
