@@ -170,6 +170,8 @@ def judged(server: ServerReport, client: ClientReport) -> dict[str, int]:
         ({"may_end": True}, {"ended_at": 52.0}, {}),
         ({"sent": 100}, {"delivered": 101}, {WRONG: 1}),
         ({"sent": 100}, {"delivered": 99}, {}),
+        ({"sent": 100, "last": 90}, {"delivered": 90}, {}),
+        ({"sent": 100, "last": 90}, {"delivered": 91}, {LATE_END: 1}),
         ({}, {"ended_at": 52.0, "connect": -2}, {}),
     ],
 )

@@ -119,6 +119,8 @@ class Judge:
         late = (client["closed_at"] if ended is None else ended) - min(since, default=float("inf"))
         if late > LATE:
             self.violate(LATE_END, f"{name}: {late:.1f} s after it had to")
+        if server["last"] is not None and client["delivered"] > server["last"]:
+            self.violate(LATE_END, f"{name}: it went on behind a pause, {server['last']}, {client['delivered']}")
         if server["sent"] is not None and client["delivered"] > server["sent"]:
             self.violate(WRONG, f"{name}: {client['delivered']} notifications were told of {server['sent']}")
 

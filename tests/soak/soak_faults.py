@@ -56,6 +56,7 @@ class ServerReport:
     must_end_at: float | None = None  # from when on the connection has to end
     gave_up_at: float | None = None  # when the client had closed one of the two connections
     sent: int | None = None  # changes and alarms that went out whole
+    last: int | None = None  # how many of them may be told: behind them stood a pause that ends the connection
     notes: list[str] = field(default_factory=list)  # what was done last, for people
 
     def note(self, text: str) -> None:

@@ -421,6 +421,7 @@ class Conversation:
         if kind == "stall":
             self._await_seen()
             self._must_end()
+            self.report.last = self.unit.count_at(self._sent_bytes)
             self._wait_over(self._stream_rng.uniform(T + SLACK, T + 3 * SLACK))
             end = time.monotonic() + LATE
             while time.monotonic() < end:
