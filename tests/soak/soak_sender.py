@@ -9,6 +9,7 @@ other until its standard input ends, and reports each attempt (soak_faults.py).
 from __future__ import annotations
 
 import contextlib
+import select
 import socket
 import struct
 import sys
@@ -447,9 +448,8 @@ class Conversation:
         whole, deadline = self.unit.count_at(self._sent_bytes), time.monotonic() + PATIENCE
         while self.seen < whole:
             self._wait_over(0.02)
-            with contextlib.suppress(BlockingIOError):
-                if not self._sockets["hear"].recv(1, socket.MSG_DONTWAIT):
-                    raise Gone
+            if select.select([self._sockets["hear"]], [], [], 0)[0]:
+                raise Gone  # a client says nothing there: it has ended the connection
             if time.monotonic() > deadline:
                 text = f"the client was told {self.seen} of {whole} and stands still"
                 violation(LOST, f"worker {self.report.worker}, attempt {self.report.attempt}: {text}")
