@@ -188,40 +188,6 @@ TEST_F(CoreWalk, AnAlarmWithoutAReceiverIsSkipped)
     EXPECT_EQ(Read(*m_pA, "n"), "5");
 }
 
-TEST_F(CoreWalk, EveryTypeIsDecodedAsItsTagHasIt)
-{
-    const struct
-    {
-        VARTYPE vt;
-        Bytes first;
-        Bytes next;
-        const char* szFirst;
-        const char* szNext;
-    } rows[] = {
-        {VT_I2, U16(1), U16(0x8000), "1", "-32768"},
-        {VT_I4, U32(1), U32(0x80000000), "1", "-2147483648"},
-        {VT_INT, U32(2), U32(0xFFFFFFFF), "2", "-1"},
-        {VT_R4, F32(0.5F), F32(-1.25F), "0.5", "-1.25"},
-        {VT_R8, F64(0.1), F64(1e300), "0.1", "1e+300"},
-        {VT_STR, Text("a"), Text("\xE6\xB0\xB4"), "'a'", "'\xE6\xB0\xB4'"},
-        {VT_BOOL, U8(0), U8(2), "False", "True"},
-        {VT_I1, U8(127), U8(0x80), "127", "-128"},
-        {VT_UI1, U8(1), U8(255), "1", "255"},
-        {VT_UI2, U16(1), U16(65535), "1", "65535"},
-        {VT_UI4, U32(1), U32(4294967295), "1", "4294967295"},
-        {VT_UINT, U32(1), U32(2147483648), "1", "2147483648"},
-    };
-    WORD nTag = 10;
-    for (const auto& row : rows) {
-        const std::string strName = "t" + std::to_string(++nTag);
-        Subscribe(*m_pB, {{strName.c_str(), nTag, Typed(row.vt, row.first)}});
-        EXPECT_EQ(Read(*m_pB, strName.c_str()), row.szFirst) << "type " << row.vt;
-        const Bytes change = Change(1, nTag, row.next);
-        EXPECT_EQ(Notify(change), static_cast<int>(change.size())) << "type " << row.vt;
-        EXPECT_EQ(Read(*m_pB, strName.c_str()), row.szNext) << "type " << row.vt;
-    }
-}
-
 TEST_F(CoreWalk, DatesAndLongIntegersAreWalkedPastByTheirSize)
 {
     Subscribe(*m_pA, {{"date", 3, Typed(VT_DATE, F64(45000.5))}, {"long", 4, Typed(VT_I8, U64(1))}});
