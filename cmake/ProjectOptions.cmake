@@ -1,4 +1,4 @@
-# What every target of this project is compiled with: C++20, warnings as errors, hidden symbols,
+# What every target of this project is compiled with: C++20, many warnings, hidden symbols,
 # and the sanitizers that a preset asks for. Targets take it by linking rkdb::options.
 set(CMAKE_EXPORT_COMPILE_COMMANDS ON)
 set(CMAKE_POSITION_INDEPENDENT_CODE ON)

@@ -15,12 +15,16 @@ fi
 say() { printf '\n== %s\n' "$*"; }
 die() { printf '%s: %s\n' "${0##*/}" "$*" >&2; exit 1; }
 
+# Warnings are errors for those who ask for it: RKDB_WERROR=ON script/test. A compiler that is newer than ours may
+# warn of more than ours does, and must build the project all the same.
+werror=${RKDB_WERROR:-OFF}
+
 # configure PRESET [CMAKE-ARGUMENT...]: quiet unless it fails.
 configure() {
     local preset=$1 log="build/$1-configure.log"
     shift
     mkdir -p build
-    if ! cmake --preset "$preset" -DPython_EXECUTABLE="$venv/bin/python" "$@" >"$log" 2>&1; then
+    if ! cmake --preset "$preset" -DPython_EXECUTABLE="$venv/bin/python" -DRKDB_WERROR="$werror" "$@" >"$log" 2>&1; then
         cat "$log" >&2
         die "cmake --preset $preset failed"
     fi

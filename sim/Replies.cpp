@@ -129,11 +129,10 @@ std::vector<Bytes> EncodeAdvised(std::span<const XVariant* const> values, size_t
 
 Bytes EncodeAlarms(std::span<const S2RtAlarm2> alarms)
 {
-    CByteSink head;
-    head.Put(CMD_RT_ALARM).Put(static_cast<WORD>(alarms.size()));
-    Bytes bytes = head.Take();
-    bytes.resize(bytes.size() + alarms.size() * S2RtAlarm2::WIRE_SIZE);
-    CWireWriter writer(std::span<BYTE>{bytes}.subspan(ALARMS_HEAD));
+    Bytes bytes(ALARMS_HEAD + alarms.size() * S2RtAlarm2::WIRE_SIZE);
+    CWireWriter writer(bytes);
+    writer.Put(CMD_RT_ALARM);
+    writer.Put(static_cast<WORD>(alarms.size()));
     for (const S2RtAlarm2& alarm : alarms)
         WriteRtAlarm(writer, alarm);
     return bytes;

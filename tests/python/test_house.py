@@ -181,11 +181,24 @@ def test_the_tested_build_was_compiled_as_its_preset_promises() -> None:
         "tsan": {"-fsanitize=thread"},
     }[build_folder().name]
     commands = json.loads((build_folder() / "compile_commands.json").read_text("utf-8"))
+    # Warnings are errors for those who asked for it, and for nobody else.
+    asked = re.search(r"^RKDB_WERROR:\w+=(ON|OFF)$", (build_folder() / "CMakeCache.txt").read_text("utf-8"), re.M)
+    assert asked is not None
+    assert os.environ.get("RKDB_WERROR", asked.group(1)) == asked.group(1)
     ours = [entry for entry in commands if "/src/" in entry["file"]]
     assert ours
     for entry in ours:
         words = set(entry["command"].split())
-        assert flags | {"-std=c++20", "-Wall", "-Wextra", "-Wconversion", "-Werror"} <= words, entry["file"]
+        assert flags | {"-std=c++20", "-Wall", "-Wextra", "-Wconversion"} <= words, entry["file"]
+        assert ("-Werror" in words) == (asked.group(1) == "ON"), entry["file"]
+
+
+def test_warnings_are_errors_for_nobody_who_did_not_ask() -> None:
+    settings = (CHECKOUT / "CMakeLists.txt").read_text("utf-8")
+    assert re.search(r"^option\(RKDB_WERROR .* OFF\)$", settings, re.M)
+    others = ["CMakePresets.json", "pyproject.toml", "script/demo", "script/test", "script/bench"]
+    assert [name for name in others if "RKDB_WERROR=ON" in (CHECKOUT / name).read_text("utf-8")] == []
+    assert "RKDB_WERROR=ON" in (CHECKOUT / ".ci" / "run").read_text("utf-8")
 
 
 # Texts of the tree.
