@@ -198,7 +198,7 @@ def test_warnings_are_errors_for_nobody_who_did_not_ask() -> None:
     assert re.search(r"^option\(RKDB_WERROR .* OFF\)$", settings, re.M)
     others = ["CMakePresets.json", "pyproject.toml", "script/demo", "script/test", "script/bench"]
     assert [name for name in others if "RKDB_WERROR=ON" in (CHECKOUT / name).read_text("utf-8")] == []
-    assert "RKDB_WERROR=ON" in (CHECKOUT / ".ci" / "run").read_text("utf-8")
+    assert "export RKDB_WERROR=ON" in (CHECKOUT / ".ci" / "run").read_text("utf-8")
 
 
 # Texts of the tree.
