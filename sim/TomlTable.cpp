@@ -1,10 +1,9 @@
 // See TomlTable.h.
 #include "TomlTable.h"
 
-#include <iconv.h>
+#include "cstring.h"
 
 #include <cmath>
-#include <memory>
 
 namespace {
 
@@ -20,24 +19,10 @@ std::string Joined(const auto& words)
 
 std::optional<std::string> Utf8ToGb(const std::string& strUtf8)
 {
-    struct SClose
-    {
-        void operator()(void* handle) const noexcept { iconv_close(handle); }
-    };
-    const iconv_t opened = iconv_open("GB2312", "UTF-8");
-    if (opened == reinterpret_cast<iconv_t>(-1)) // NOLINT(performance-no-int-to-ptr)
+    auto gb = GbOfUtf8(strUtf8);
+    if (!gb && !GbOfUtf8("a"))
         throw CProjectError("this machine's iconv has no converter for GB2312");
-    const std::unique_ptr<void, SClose> converter(opened);
-    std::string strIn(strUtf8);
-    std::string strOut(strUtf8.size() * 2, '\0');
-    char* pIn = strIn.data();
-    char* pOut = strOut.data();
-    size_t nIn = strIn.size();
-    size_t nOut = strOut.size();
-    if (iconv(converter.get(), &pIn, &nIn, &pOut, &nOut) != 0)
-        return std::nullopt;
-    strOut.resize(strOut.size() - nOut);
-    return strOut;
+    return gb;
 }
 
 CTomlTable::CTomlTable(const toml::table& table, std::string strFile, std::string strWhat)

@@ -2,10 +2,14 @@
 #include "cstring.h"
 
 #include <algorithm>
+#include <array>
+#include <cerrno>
 #include <cstdio>
 #include <cstring>
 #include <iconv.h>
 #include <memory>
+#include <span>
+#include <string_view>
 #include <strings.h>
 
 namespace {
@@ -13,6 +17,53 @@ namespace {
 constexpr const char* GB2312 = "GB2312";
 constexpr const char* UTF8 = "UTF-8";
 constexpr const char* UTF16 = "UCS-2LE";
+
+/// A character of GB2312 that converters do not agree on. Input methods type the usual form, and the C
+/// library's converter knows the other one alone; so both are taken on the way in, and the usual one is given
+/// on the way out.
+struct STwoForms
+{
+    std::string_view gb;
+    std::string_view usual8;
+    std::string_view other8;
+    WORD usual16;
+    WORD other16;
+};
+
+constexpr std::array TWO_FORMS = {
+    STwoForms{"\xA1\xAA", "\xE2\x80\x94", "\xE2\x80\x95", 0x2014, 0x2015}, // a dash
+    STwoForms{"\xA1\xA4", "\xC2\xB7", "\xE3\x83\xBB", 0x00B7, 0x30FB},     // a dot at half height
+};
+
+/// The GB2312 form of the character at the start of text, and its length there; empty when it is none of
+/// those.
+using FnTwoForms = std::string_view (*)(std::string_view text, size_t& nLen);
+
+std::string_view TwoFormsOfUtf8(std::string_view text, size_t& nLen)
+{
+    for (const STwoForms& one : TWO_FORMS) {
+        for (const std::string_view form : {one.usual8, one.other8}) {
+            nLen = form.size();
+            if (text.starts_with(form))
+                return one.gb;
+        }
+    }
+    return {};
+}
+
+std::string_view TwoFormsOfUtf16(std::string_view text, size_t& nLen)
+{
+    WORD nUnit = 0;
+    nLen = sizeof nUnit;
+    if (text.size() < nLen)
+        return {};
+    std::memcpy(&nUnit, text.data(), nLen);
+    for (const STwoForms& one : TWO_FORMS) {
+        if (nUnit == one.usual16 || nUnit == one.other16)
+            return one.gb;
+    }
+    return {};
+}
 
 /// One converter for one conversion: nothing is shared, so nothing is locked.
 class CConverter
@@ -29,13 +80,27 @@ public:
 
     bool IsOpen() const noexcept { return m_cd != reinterpret_cast<iconv_t>(-1); }
 
-    /// Converts all at once. Returns the bytes produced, also those before a fault.
-    size_t Convert(const char* pIn, size_t nIn, char* pOut, size_t nRoom, bool& bFault) const noexcept
+    /// Converts all at once. Returns the bytes produced, also those before a fault. Behind a character that
+    /// has two forms and is refused in this one it goes on.
+    size_t Convert(std::string_view in, std::span<char> room, FnTwoForms fnTwoForms,
+                   bool& bFault) const noexcept
     {
-        char* pFrom = const_cast<char*>(pIn); // the interface of iconv: it reads only
-        char* pTo = pOut;
-        bFault = ::iconv(m_cd, &pFrom, &nIn, &pTo, &nRoom) == static_cast<size_t>(-1);
-        return static_cast<size_t>(pTo - pOut);
+        char* pFrom = const_cast<char*>(in.data()); // the interface of iconv: it reads only
+        size_t nIn = in.size();
+        char* pTo = room.data();
+        size_t nRoom = room.size();
+        while ((bFault = ::iconv(m_cd, &pFrom, &nIn, &pTo, &nRoom) == static_cast<size_t>(-1))) {
+            size_t nLen = 0;
+            const bool bRefused = fnTwoForms && errno == EILSEQ;
+            const auto gb = bRefused ? fnTwoForms({pFrom, nIn}, nLen) : std::string_view();
+            if (gb.empty() || gb.size() > nRoom)
+                break;
+            pTo = std::copy(gb.begin(), gb.end(), pTo);
+            nRoom -= gb.size();
+            pFrom += nLen;
+            nIn -= nLen;
+        }
+        return static_cast<size_t>(pTo - room.data());
     }
 
 private:
@@ -48,6 +113,7 @@ struct SConversion
     const char* szFrom;
     const char* szCannotOpen;
     const char* szFailed;
+    FnTwoForms fnTwoForms = nullptr; // of the text that becomes GB2312
 };
 
 void ConvertText(const SConversion& how, const char* pIn, size_t nIn, size_t nRoom, std::string& strOut)
@@ -61,10 +127,18 @@ void ConvertText(const SConversion& how, const char* pIn, size_t nIn, size_t nRo
     }
     strOut.resize(nRoom);
     bool bFault = false;
-    const size_t nDone = converter.Convert(strInput.data(), nIn, strOut.data(), nRoom, bFault);
+    const size_t nDone = converter.Convert(strInput, strOut, how.fnTwoForms, bFault);
     if (bFault)
         std::perror(how.szFailed);
     strOut.resize(nDone);
+}
+
+/// The new form is not longer than the old one, so the text stays where it is.
+void ReplaceAll(std::string& strText, std::string_view from, std::string_view to)
+{
+    for (size_t nHit = strText.find(from); nHit != std::string::npos;
+         nHit = strText.find(from, nHit + to.size()))
+        strText.replace(nHit, from.size(), to);
 }
 
 bool IsIn(const char* set, char ch) noexcept
@@ -252,13 +326,24 @@ CString CString::Tokenize(const char* pszTokens, int& iStart) const
     return CString(substr(nToken, nLen));
 }
 
+std::optional<std::string> GbOfUtf8(const std::string& strUtf8)
+{
+    std::string strGb(2 * strUtf8.size(), '\0');
+    const CConverter converter(GB2312, UTF8);
+    if (!converter.IsOpen())
+        return std::nullopt;
+    bool bFault = false;
+    strGb.resize(converter.Convert(strUtf8, strGb, TwoFormsOfUtf8, bFault));
+    return bFault ? std::nullopt : std::optional(std::move(strGb));
+}
+
 void CString::FromUtf16(const WORD* src, size_t len)
 {
     if (len == 0) {
         clear();
         return;
     }
-    const SConversion how{GB2312, UTF16, "FromUtf16:iconv_open", "FromUtf16:iconv"};
+    const SConversion how{GB2312, UTF16, "FromUtf16:iconv_open", "FromUtf16:iconv", TwoFormsOfUtf16};
     ConvertText(how, reinterpret_cast<const char*>(src), 2 * len, 3 * len + 3, *this);
 }
 
@@ -268,7 +353,8 @@ void CString::FromUtf8(const char* src, size_t len)
         clear();
         return;
     }
-    ConvertText({GB2312, UTF8, "FromUtf8:iconv_open:", "FromUtf8:iconv:"}, src, len, 2 * len, *this);
+    const SConversion how{GB2312, UTF8, "FromUtf8:iconv_open:", "FromUtf8:iconv:", TwoFormsOfUtf8};
+    ConvertText(how, src, len, 2 * len, *this);
 }
 
 void ToUtf8(const char* szInBuf, CString& strUtf8, size_t inlen)
@@ -280,6 +366,8 @@ void ToUtf8(const char* szInBuf, CString& strUtf8, size_t inlen)
         return;
     }
     ConvertText({UTF8, GB2312, "ToUtf8:iconv_open:", "ToUtf8:iconv:"}, szInBuf, inlen, 2 * inlen, strUtf8);
+    for (const STwoForms& one : TWO_FORMS)
+        ReplaceAll(strUtf8, one.other8, one.usual8);
 }
 
 void CString::ToUtf8(CString& strUtf8) const
@@ -299,13 +387,15 @@ WORD* ToUtf16(const char* szInBuf, size_t& outLen, size_t inlen)
     }
     auto units = std::make_unique<WORD[]>(inlen + 1);
     bool bFault = false;
-    const size_t nDone =
-        converter.Convert(szInBuf, inlen, reinterpret_cast<char*>(units.get()), (inlen + 1) * 2, bFault);
+    const std::span<char> room(reinterpret_cast<char*>(units.get()), (inlen + 1) * 2);
+    const size_t nDone = converter.Convert({szInBuf, inlen}, room, nullptr, bFault);
     if (bFault) {
         std::perror("ToUtf16:iconv");
         return nullptr;
     }
     outLen = nDone / 2;
+    for (const STwoForms& one : TWO_FORMS)
+        std::replace(units.get(), units.get() + outLen, one.other16, one.usual16);
     return units.release();
 }
 

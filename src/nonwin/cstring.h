@@ -2,10 +2,15 @@
 //
 // Text is UTF-8 where the interpreter hands it in or gets it, and where the system takes a path; everywhere
 // else inside it is GB2312. No shared state: any thread may convert at any time.
+//
+// The dash and the middle dot have two forms in Unicode: U+2014 and U+2015, U+00B7 and U+30FB. Both are taken
+// for the one of GB2312 (A1AA, A1A4), and U+2014 and U+00B7 come out, whichever the system's converter
+// prefers.
 #pragma once
 
 #include "wintypes.h"
 
+#include <optional>
 #include <string>
 #include <string_view>
 #include <utility>
@@ -133,6 +138,8 @@ inline CString operator+(const char* left, const CString& right)
 void _strlwr(char* s);
 /// strUtf8 becomes the UTF-8 form of GB2312 text of inlen bytes; inlen 0 measures it.
 void ToUtf8(const char* szInBuf, CString& strUtf8, size_t inlen);
+/// The GB2312 form of UTF-8 text, or nothing when some of it has none; says nothing of it.
+std::optional<std::string> GbOfUtf8(const std::string& strUtf8);
 /// The UTF-16LE form in a new array that the caller frees with delete[], with one unit to spare; null when
 /// any of it cannot be converted. inlen 0 measures the text.
 WORD* ToUtf16(const char* szInBuf, size_t& outLen, size_t inlen);

@@ -3,6 +3,7 @@
 // The three functions of the system's converter are replaced for this program, so that a test sees how each
 // conversion uses them and can make one fail to open.
 #include "cstring.h"
+#include "standin_iconv.h"
 
 #include <array>
 #include <atomic>
@@ -47,7 +48,7 @@ extern "C" iconv_t iconv_open(const char* szTo, const char* szFrom)
 {
     static auto* const pNext = Next<iconv_t(const char*, const char*)>(AS_TEXT(iconv_open));
     ++g_nOpens;
-    if (g_bKeepNames)
+    if (g_bKeepNames || g_eStandIn != EStandIn::None)
         g_strNames = std::string(szFrom) + " to " + szTo;
     if (!g_bCannotOpen)
         return pNext(szTo, szFrom);
@@ -61,6 +62,8 @@ extern "C" size_t iconv(iconv_t cd, char** ppIn, size_t* pnIn, char** ppOut, siz
     ++g_nCalls;
     g_nInput = *pnIn;
     g_nRoom = *pnRoom;
+    if (g_eStandIn != EStandIn::None)
+        return StandInConvert(g_strNames, ppIn, pnIn, ppOut, pnRoom);
     return pNext(cd, ppIn, pnIn, ppOut, pnRoom);
 }
 
