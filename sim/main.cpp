@@ -3,8 +3,6 @@
 #include "ProjectLoader.h"
 #include "Server.h"
 
-#include <spdlog/sinks/stdout_sinks.h>
-
 #include <sys/resource.h>
 
 #include <cstdio>
@@ -15,11 +13,9 @@ namespace {
 constexpr int STATUS_CANNOT_LISTEN = 1;
 constexpr int STATUS_BAD_PROJECT = 2;
 
-void StartLog(const SOptions& options)
+spdlog::level::level_enum LeastLogged(const SOptions& options)
 {
-    spdlog::set_default_logger(spdlog::stderr_logger_st("rkdbsim"));
-    spdlog::set_pattern("%H:%M:%S.%e %^%l%$ %v");
-    spdlog::set_level(options.bTrace ? spdlog::level::trace : spdlog::level::from_str(options.strLogLevel));
+    return options.bTrace ? spdlog::level::trace : spdlog::level::from_str(options.strLogLevel);
 }
 
 /// Two descriptors a client: the usual limit of 1024 is soon reached.
@@ -70,7 +66,7 @@ int main(int argc, char** argv)
     const auto options = ParseOptions(argc, argv, nStatus);
     if (!options)
         return nStatus;
-    StartLog(*options);
+    const CLog log(LeastLogged(*options));
     try {
         return Serve(LoadProject(options->strProject), *options);
     } catch (const CProjectError& error) {
