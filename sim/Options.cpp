@@ -36,7 +36,19 @@ constexpr const char* FOOTER =
     "  type = \"r8\"\n"
     "docs/simulator.md describes every key.";
 
-void AddOptions(CLI::App& app, SOptions& options, bool& bQuiet)
+/// A flag of its own, bound to no variable: an optional number would be a counter to the library of Debian
+/// 12, and set to 0 without having been given.
+CLI::Option* AddRelay(CLI::App& app)
+{
+    const std::string strWhat =
+        "Be a relay centre too, on port 3968 or, as --relay=PORT, on another (0: the system chooses)";
+    return app.add_flag("--relay{3968}", strWhat)
+        ->check(CLI::Range(0, 65535))
+        ->multi_option_policy(CLI::MultiOptionPolicy::TakeLast);
+}
+
+/// Returns the option of the relay centre.
+CLI::Option* AddOptions(CLI::App& app, SOptions& options, bool& bQuiet)
 {
     app.add_option("PROJECT", options.strProject,
                    "Project file (TOML). None: the built-in demonstration project")
@@ -48,9 +60,7 @@ void AddOptions(CLI::App& app, SOptions& options, bool& bQuiet)
     app.add_option("--port", options.nPort, "Port to listen on; 0 lets the system choose")
         ->type_name("PORT")
         ->capture_default_str();
-    app.add_flag(
-        "--relay{3968}", options.nRelayPort,
-        "Be a relay centre too, on port 3968 or, as --relay=PORT, on another (0: the system chooses)");
+    CLI::Option* pRelay = AddRelay(app);
     app.add_option("--relay-host", options.strRelayHost,
                    "IPv4 address of the relay centre (default: as --host)")
         ->type_name("ADDRESS")
@@ -68,6 +78,7 @@ void AddOptions(CLI::App& app, SOptions& options, bool& bQuiet)
         ->check(CLI::IsMember({"debug", "info", "warn", "error"}))
         ->capture_default_str();
     app.add_flag("--quiet", bQuiet, "Log warnings and errors only");
+    return pRelay;
 }
 
 } // namespace
@@ -79,13 +90,15 @@ std::optional<SOptions> ParseOptions(int argc, char** argv, int& nStatus)
     CLI::App app(DESCRIPTION, "rkdbsim");
     app.set_version_flag("--version", "rkdbsim " RKDB_VERSION);
     app.footer(FOOTER);
-    AddOptions(app, options, bQuiet);
+    const CLI::Option* pRelay = AddOptions(app, options, bQuiet);
     try {
         app.parse(argc, argv);
     } catch (const CLI::ParseError& error) {
         nStatus = app.exit(error) == 0 ? 0 : STATUS_USAGE;
         return std::nullopt;
     }
+    if (pRelay->count() > 0)
+        options.nRelayPort = pRelay->as<WORD>();
     if (bQuiet)
         options.strLogLevel = "warn";
     if (options.strRelayHost.empty())

@@ -115,9 +115,30 @@ def test_the_first_line_says_where_it_listens_and_the_log_goes_elsewhere(rkdbsim
         with RawClient(("127.0.0.1", port)):
             pass
         process.send_signal(signal.SIGTERM)
-        output, log = process.communicate(timeout=PATIENCE)
-    assert output == ""
-    assert 'logged in as "operator"' in log
+        assert process.stdout is not None
+        assert process.stderr is not None
+        # Not communicate: it passes over what was read together with the first line.
+        assert process.stdout.read() == ""
+        assert 'logged in as "operator"' in process.stderr.read()
+
+
+@pytest.mark.parametrize("arguments", [[], ["--relay-host", "127.0.0.1"], ["--trace"]])
+def test_without_relay_it_is_no_relay_centre(rkdbsim_path: Path, arguments: list[str]) -> None:
+    with started(rkdbsim_path, "--port", "0", *arguments) as process:
+        port_of(process)
+        listening = [line for line in Path(f"/proc/{process.pid}/net/tcp").read_text().splitlines() if " 0A " in line]
+        sockets = {str(path.readlink()) for path in Path(f"/proc/{process.pid}/fd").iterdir()}
+        assert len([line for line in listening if f"socket:[{line.split()[9]}]" in sockets]) == 1
+        process.send_signal(signal.SIGTERM)
+        assert process.stdout is not None
+        assert process.stdout.read() == ""
+
+
+@pytest.mark.parametrize("value", ["65536", "-1", "x", "2x"])
+def test_a_relay_port_that_is_none_is_refused(rkdbsim_path: Path, value: str) -> None:
+    text, errors = run(rkdbsim_path, "--port", "0", f"--relay={value}", expect=2)
+    assert text == ""
+    assert "--relay" in errors
 
 
 def test_a_given_port_is_taken(rkdbsim_path: Path) -> None:
