@@ -114,6 +114,8 @@ struct SPrjPaths
 
 struct SProject
 {
+    static constexpr size_t MAX_TAGS = 1000000; // of all drivers: what starts within seconds, in some 220 MB
+
     std::string strName;
     std::string strTitle;
     DWORD tTime = 0; // of the files that follow from the project

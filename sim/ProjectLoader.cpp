@@ -100,6 +100,7 @@ private:
     void LoadServer();
     void LoadSysNotify(CTomlTable& table);
     void LoadUsers();
+    void CheckTagCount();
     void LoadDrivers();
     void LoadAlarms();
     void LoadAlarm(CTomlTable& table);
@@ -193,15 +194,40 @@ void CLoader::LoadUsers()
     }
 }
 
+/// Before any is made: a few lines can describe more tags than there is memory for.
+void CLoader::CheckTagCount()
+{
+    const toml::node* pNode = m_root.Node("driver");
+    const toml::array* pDrivers = pNode ? pNode->as_array() : nullptr;
+    if (!pDrivers)
+        return;
+    constexpr auto MAX_COUNT = static_cast<int64_t>(SDriverDef::MAX_TAGS);
+    size_t nTags = 0;
+    for (const toml::node& driver : *pDrivers) {
+        const toml::table* pDriver = driver.as_table();
+        const toml::array* pTags = pDriver ? (*pDriver)["tag"].as_array() : nullptr;
+        for (size_t i = 0; pTags && i < pTags->size(); ++i) {
+            const toml::table* pTag = (*pTags)[i].as_table();
+            const int64_t nCount = pTag ? (*pTag)["count"].value_or(int64_t{1}) : 1;
+            nTags += static_cast<size_t>(std::clamp<int64_t>(nCount, 1, MAX_COUNT));
+        }
+    }
+    if (nTags > SProject::MAX_TAGS)
+        m_root.FailAt("driver", "the project has " + std::to_string(nTags) + " tags in " +
+                                    std::to_string(pDrivers->size()) + " drivers, and " +
+                                    std::to_string(SProject::MAX_TAGS) + " is the most that are served");
+}
+
 void CLoader::LoadDrivers()
 {
+    CheckTagCount();
+    std::set<std::string> names;
     for (CTomlTable& table : m_root.Tables("driver", "driver")) {
         SDriverDef driver;
         driver.strName = table.NeedGb("name", 255);
         table.Rename("driver \"" + table.NeedText("name") + "\"");
-        for (const SDriverDef& other : m_project.drivers)
-            if (other.strName == driver.strName)
-                table.FailAt("name", "another driver has it already");
+        if (!names.insert(driver.strName).second)
+            table.FailAt("name", "another driver has it already");
         if (m_project.drivers.size() == SDriverDef::MAX_TAGS)
             table.Fail("too many drivers");
         CTagLoader tags(driver, static_cast<UINT>(table.Int("period_ms", 1000, 1, 3600000)));

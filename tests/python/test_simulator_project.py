@@ -123,6 +123,32 @@ def test_a_mistake_in_a_project_is_said_with_file_and_line(
         assert errors.count("\n") == 1
 
 
+def test_a_project_of_more_tags_than_can_be_served_is_refused_with_the_numbers(
+    rkdbsim_path: Path, tmp_path: Path
+) -> None:
+    path = tmp_path / "huge.toml"
+    one = '[[driver]]\nname = "D{}"\n[[driver.tag]]\nname = "T%05d"\ncount = 65535\n'
+    path.write_text("".join(one.format(number) for number in range(3000)))
+    output, errors = run(rkdbsim_path, "--port", "0", path, expect=2)
+    assert output == ""
+    assert errors == (
+        f"{path}:1: driver: the project has 196605000 tags in 3000 drivers, and 1000000 is the most that are served\n"
+    )
+
+
+def test_the_most_tags_that_are_served_are_counted_exactly(rkdbsim_path: Path, tmp_path: Path) -> None:
+    path = tmp_path / "large.toml"
+    full = '[[driver]]\nname = "D{}"\n[[driver.tag]]\nname = "T%05d"\ncount = 50000\n'
+    text = "".join(full.format(number) for number in range(20))
+    path.write_text(text + '[[driver]]\nname = "Last"\n[[driver.tag]]\nname = "T"\n')
+    _, errors = run(rkdbsim_path, "--check", path, expect=2)
+    assert "has 1000001 tags in 21 drivers" in errors
+    path.write_text(text)
+    # Without a limit of time: sanitizers and a busy machine make it many times slower than users have it.
+    done = subprocess.run([rkdbsim_path, "--check", path], capture_output=True, text=True, check=True)
+    assert "20 drivers, 1000000 tags" in done.stderr
+
+
 def test_a_project_that_cannot_be_read_is_said(rkdbsim_path: Path, tmp_path: Path) -> None:
     for path in (tmp_path / "missing.toml", tmp_path):
         assert run(rkdbsim_path, path, expect=2)[1] == f"{path}: cannot be read\n"
