@@ -249,6 +249,14 @@ def parse_registered(coded: bytes) -> Registered:
     return Registered(plain[1:59], project.decode("gb2312"), title.decode("gb2312"))
 
 
+def take_registered(line: Line) -> Registered:
+    """Takes the register reply, which ends with its second text, and nothing that is pushed behind it."""
+    coded = line.take(2)
+    while unscramble(coded)[59:].count(0) < 2:
+        coded += line.take(2 if len(coded) % 4 == 0 else 1)
+    return parse_registered(coded)
+
+
 class RawClient:
     """Both connections of one client, opened, registered and logged in."""
 
@@ -267,7 +275,7 @@ class RawClient:
             self.ask.want(b"7")
             self.hear = lines.enter_context(Line(address))
             self.hear.send(register_request(self.ident))
-            self.registered = parse_registered(self.hear.take_once(512))
+            self.registered = take_registered(self.hear)
             self.ask.send(login_request(user, password))
             reply = self.ask.take_once(256)
             assert reply[:1] == b"9", reply
