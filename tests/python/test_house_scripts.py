@@ -1,7 +1,9 @@
-"""The helpers of the scripts that decide whether a run passed: each must be able to say no."""
+"""The helpers of the scripts that decide whether a run passed, each of which must be able to say no; and what the
+scripts that install things say where they cannot."""
 
 from __future__ import annotations
 
+import os
 import subprocess
 import sys
 from pathlib import Path
@@ -88,3 +90,72 @@ def test_another_fault_in_a_report_file_is_not_lost(tmp_path: Path, fault: str) 
     status, said = run("leaks.py", tmp_path)
     assert status == 1
     assert fault in said
+
+
+# Scripts that install things.
+
+
+def fake(folder: Path, name: str, *lines: str) -> None:
+    """A command that is found before the machine's own."""
+    path = folder / name
+    path.write_text("\n".join(["#!/bin/sh", *lines, ""]))
+    path.chmod(0o755)
+
+
+def run_as_user(folder: Path, script: str, *arguments: str) -> subprocess.CompletedProcess[str]:
+    """Runs a script as one that is not root and has no terminal sees itself."""
+    fake(folder, "id", "echo 1000")
+    return subprocess.run(
+        [SCRIPTS / script, *arguments],
+        env={**os.environ, "PATH": f"{folder}:{os.environ['PATH']}"},
+        stdin=subprocess.DEVNULL,
+        capture_output=True,
+        text=True,
+        timeout=120,
+        start_new_session=True,
+        check=False,
+    )
+
+
+@pytest.fixture
+def machine_without_packages(tmp_path: Path) -> Path:
+    """A folder of commands: nothing is installed, and whatever would install leaves a mark."""
+    fake(tmp_path, "dpkg-query", "exit 1")
+    fake(tmp_path, "apt-get", f"touch {tmp_path}/installed", "exit 1")
+    return tmp_path
+
+
+def test_a_sudo_that_needs_a_password_without_a_terminal_gives_one_sentence(machine_without_packages: Path) -> None:
+    folder = machine_without_packages
+    fake(folder, "sudo", '[ "$1" = -n ] || exec sleep 600', "echo sudo: a password is required >&2", "exit 1")
+    done = run_as_user(folder, "bootstrap")
+    assert done.returncode == 1
+    assert done.stdout == ""
+    (line,) = done.stderr.splitlines()
+    assert line.startswith("bootstrap: sudo needs a password and there is no terminal to ask for it: run as root; ")
+    assert "g++" in line
+    assert not (folder / "installed").exists()
+
+
+def test_a_sudo_that_needs_no_password_installs(machine_without_packages: Path) -> None:
+    folder = machine_without_packages
+    fake(folder, "sudo", '[ "$1" != -n ] || shift', 'exec "$@"')
+    done = run_as_user(folder, "bootstrap")
+    assert (done.returncode, done.stderr.splitlines()[-1]) == (1, "bootstrap: apt-get failed")
+    assert "Installing Debian packages: git g++" in done.stdout
+    assert (folder / "installed").exists()
+
+
+@pytest.mark.parametrize(
+    ("arguments", "sentence"),
+    [
+        (["13"], "fresh: only root can make a fresh machine: it needs debootstrap, mount and chroot"),
+        (["11"], "fresh: unknown Debian 11 (12 or 13)"),
+        ([], "fresh: which Debian? 12 or 13"),
+    ],
+)
+def test_a_fresh_machine_that_cannot_be_made_gives_one_sentence(
+    tmp_path: Path, arguments: list[str], sentence: str
+) -> None:
+    done = run_as_user(tmp_path, "fresh", *arguments)
+    assert (done.returncode, done.stdout, done.stderr) == (1, "", f"{sentence}\n")
