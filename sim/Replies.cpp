@@ -153,10 +153,13 @@ Bytes EncodeChange(STagRef tag, const XVariant& value)
 
 Bytes EncodeAlarmNews(const SAlarmNews& news)
 {
-    Bytes record(S2RtAlarm2::WIRE_SIZE);
-    CWireWriter writer(record);
+    constexpr size_t HEAD = sizeof SYSTEM_NOTIFY + sizeof SYS_ALARM;
+    Bytes bytes(HEAD + S2RtAlarm2::WIRE_SIZE);
+    CWireWriter writer(bytes);
+    writer.Put(SYSTEM_NOTIFY);
+    writer.Put(news.bEnded ? SYS_ALARM_EVENT : SYS_ALARM);
     WriteRtAlarm(writer, news.record);
-    return SysNotifyHead(news.bEnded ? SYS_ALARM_EVENT : SYS_ALARM).PutBytes(record).Take();
+    return bytes;
 }
 
 Bytes EncodeSysNotify(BYTE nSubType, STagRef tag)
