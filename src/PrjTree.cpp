@@ -91,10 +91,13 @@ SFolder HostFolder(LPCSTR szHost)
 
 bool CClientSock::IsMirrorName(const CString& strPrjName)
 {
-    // The UTF-8 form counts too: it is what the folder is called, and a broken character cuts it short.
+    // The UTF-8 form is what the folder is called. A broken character cuts it short: that is another name,
+    // and another project may bear it.
     CString strUtf8;
+    CString strBack;
     strPrjName.ToUtf8(strUtf8);
-    return IsPlainName(strPrjName) && IsPlainName(strUtf8) && !strUtf8.empty();
+    strBack.FromUtf8(strUtf8.data(), strUtf8.size());
+    return IsPlainName(strPrjName) && IsPlainName(strUtf8) && !strUtf8.empty() && strBack == strPrjName;
 }
 
 bool CClientSock::GetPrjPath(CString& strPrj, CString& strEvent, CString& strAlarm, CString& strHist)

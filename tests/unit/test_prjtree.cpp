@@ -21,6 +21,14 @@ TEST(IsMirrorName, RefusesWhatWouldLeaveTheMirror)
         EXPECT_TRUE(CClientSock::IsMirrorName(szName)) << szName; // the last two: full-width slash and dot
 }
 
+TEST(IsMirrorName, RefusesWhatWouldBeCutToAnotherProjectsName)
+{
+    for (const char* szName : {"a\xFF\xFF", "demo\xA1", "demo\x80", "\xCA\xBE\xB7\xB6\xFF", "a\xFF,b"})
+        EXPECT_FALSE(CClientSock::IsMirrorName(szName)) << szName;
+    for (const char* szName : {"a", "demo", "\xA1\xAA", "\xA1\xA4\xA1\xAA"}) // the last: a dot and a dash
+        EXPECT_TRUE(CClientSock::IsMirrorName(szName)) << szName;
+}
+
 /// The four paths in one text.
 struct SPaths
 {
