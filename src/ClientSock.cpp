@@ -291,12 +291,15 @@ int CClientSock::SendRegister(const _GUID& guid, bool bAccessDB, Reply& reply, U
 bool CClientSock::RecvRegisterReply(Reply& reply, UINT& nPlain)
 {
     Reply scrambled{};
-    return m_rcvSock.RecvUntil(scrambled, [&](std::span<const BYTE> bytes) {
+    bool bWhole = false; // of a reply that fills the buffer and still has no end, nothing is known
+    const int nGot = m_rcvSock.RecvUntil(scrambled, [&](std::span<const BYTE> bytes) {
         reply = {};
         nPlain = DecryptPacket(static_cast<UINT>(bytes.size()), bytes.data(), UINT{SNRegReq::BUFFER_SIZE},
                                reply.data());
-        return nPlain > 0 && IsWholeAck(std::span<const BYTE>(reply).first(nPlain));
-    }) > 0;
+        bWhole = nPlain > 0 && IsWholeAck(std::span<const BYTE>(reply).first(nPlain));
+        return bWhole;
+    });
+    return nGot > 0 && bWhole;
 }
 
 int CClientSock::ReqSend(const void* pBuf, int nLen)

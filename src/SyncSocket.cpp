@@ -435,14 +435,15 @@ bool CSyncSocket::RecvAll(void* pBuf, int nLen, int nFlags)
 
 int CSyncSocket::RecvUntil(std::span<BYTE> buf, const std::function<bool(std::span<const BYTE>)>& fnWhole)
 {
-    size_t nDone = 0;
-    while (nDone < buf.size() && (nDone == 0 || !fnWhole(buf.first(nDone)))) {
+    for (size_t nDone = 0; nDone < buf.size();) {
         const int nGot = _Recv(buf.data() + nDone, static_cast<int>(buf.size() - nDone), 0);
         if (nGot < 1)
             return 0;
         nDone += static_cast<size_t>(nGot);
+        if (fnWhole(buf.first(nDone)) || nDone == buf.size())
+            return static_cast<int>(nDone);
     }
-    return static_cast<int>(nDone);
+    return 0;
 }
 
 bool CSyncSocket::SendTimeOut(const void* pBuf, ULONG nLen, long nMs)

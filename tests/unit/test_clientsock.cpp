@@ -179,8 +179,9 @@ TEST(ConnectDB, StoresSixForTheFlagSixteenAndEveryOtherAsItIs)
 TEST(ConnectDB, AwaitsTheEndsOfBothTexts)
 {
     const std::string strHead = Ack().substr(0, 59);
-    for (const std::string& strTexts : {std::string("n"), std::string(1, '\0'), std::string("name\0", 5),
-                                        std::string("name\0title without an end", 25)}) {
+    for (const std::string& strTexts :
+         {std::string("n"), std::string(1, '\0'), std::string("name\0", 5),
+          std::string("name\0title without an end", 25), std::string(600, 'n')}) {
         CLoopback server;
         server.Run([&](CLoopback& self) {
             SServed served;
@@ -239,6 +240,7 @@ TEST(ConnectDB, TakesTheTextsWhateverFollows)
         {std::string("name\0title\0more\0", 16), "name", "title"},
         {std::string(200, 'n') + '\0' + std::string(120, 't') + '\0', std::string(200, 'n'),
          std::string(120, 't')},
+        {std::string("name\0title\0", 11) + std::string(500, 'x'), "name", "title"}, // fills the buffer
     };
     for (const auto& row : rows) {
         CLoopback server;
