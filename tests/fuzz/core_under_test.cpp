@@ -14,23 +14,35 @@ void StartPython()
 
 CDBCoreTest::CDBCoreTest(CScriptedWire& wire, WORD nTags) : m_wire(wire)
 {
-    FUZZ_CHECK(m_core.m_rcvSock.Create());
-    m_wire.Open(m_core.m_rcvSock.GetHandle());
-    Reopen();
-    const CThreadGuard guard(m_core.m_lock);
-    SNDrvInfoEx info;
-    info.tagNum = nTags;
-    m_core.m_mapDrvInfos[CString("D")] = info;
-    m_core.m_pDrivers.resize(1);
-    m_core.m_bConnect = true;
+    for (CScnSocket* pSock : {&m_core.m_rcvSock, static_cast<CScnSocket*>(&m_core.m_reqSock)}) {
+        FUZZ_CHECK(pSock->Create());
+        FUZZ_CHECK(pSock->SetTimeOut(TIME_OUT_MS));
+        m_wire.Open(pSock->GetHandle());
+    }
+    FUZZ_CHECK(m_core.m_rcvSock.SetTimeOut(0x7FFFFFFF));
+    {
+        const CThreadGuard guard(m_core.m_lock);
+        SNDrvInfoEx info;
+        info.tagNum = nTags;
+        m_core.m_mapDrvInfos[CString("D")] = info;
+        m_core.m_pDrivers.resize(1);
+        m_core.m_bConnect = true;
+    }
+    m_driver = CDriverRef(m_core._GetDriver("D"));
 }
 
-void CDBCoreTest::Reopen()
+CDBCoreTest::~CDBCoreTest()
 {
-    if (m_core.m_reqSock.IsSocket())
-        return;
-    FUZZ_CHECK(m_core.m_reqSock.Create());
-    m_wire.Open(m_core.m_reqSock.GetHandle());
+    FUZZ_CHECK(m_core._Disconnect());
+}
+
+void CDBCoreTest::CheckWhole(bool bConnected)
+{
+    FUZZ_CHECK(m_core.IsConnected() == bConnected);
+    FUZZ_CHECK(m_core.m_reqSock.IsSocket() == bConnected);
+    FUZZ_CHECK(m_core.m_rcvSock.IsSocket() == bConnected);
+    FUZZ_CHECK(m_core._GetDriver("D") == (bConnected ? m_driver.Get() : nullptr));
+    FUZZ_CHECK(!m_core.IsExchanging());
 }
 
 CDBDriver::TagSlots CDBCoreTest::Learn(const std::string& strNames, const std::vector<WORD>& positions)
@@ -45,10 +57,11 @@ CDBDriver::TagSlots CDBCoreTest::Learn(const std::string& strNames, const std::v
     return slots;
 }
 
-bool CDBCoreTest::WalkReceive(CRecvBuffer& buffer)
+CDBCoreTest::EReceived CDBCoreTest::Receive(CRecvBuffer& buffer)
 {
-    if (buffer.Fill(m_core.m_rcvSock) <= 0)
-        return false;
-    FUZZ_CHECK(m_core.WalkReceive(buffer, m_python));
-    return true;
+    if (!m_core.Receive(buffer))
+        return EReceived::None;
+    const auto eWalk = m_core.WalkReceive(buffer, m_python);
+    FUZZ_CHECK(eWalk != CDBCore::EWalk::Gone);
+    return eWalk == CDBCore::EWalk::Walked ? EReceived::Walked : EReceived::Lost;
 }

@@ -14,7 +14,7 @@ namespace {
 
 constexpr const char* RELAY = "p2p(192.0.2.7):plant";
 constexpr const char* DIRECT = "192.0.2.1:81";
-constexpr size_t RECORD_SIZE = 512; // one receive of either reply
+constexpr size_t RECORD_SIZE = 512; // no reply is longer
 constexpr int MAX_REPLIES = 2 * CClientSock::MAX_REDIRECTS;
 
 using Bytes = std::vector<BYTE>;
@@ -72,28 +72,60 @@ std::string RedirectTo(std::span<const BYTE> reply)
     return strHost + ":" + std::to_string(nPort > 0 ? nPort : 80);
 }
 
+/// True when a reply is a redirect or, as far as it goes behind its first byte, begins like one.
 bool IsLan(std::span<const BYTE> reply)
 {
-    std::string strWord(reply.begin() + 1, reply.begin() + 4);
+    std::string strWord(reply.begin() + 1, reply.begin() + std::min<std::ptrdiff_t>(4, std::ssize(reply)));
     for (char& ch : strWord)
         ch = ch >= 'A' && ch <= 'Z' ? static_cast<char>(ch - 'A' + 'a') : ch;
-    return strWord == "lan";
+    return !strWord.empty() && strWord == std::string("lan").substr(0, strWord.size());
 }
 
-/// The second reading of a handshake. The replies are what single receives give.
-SWanted Follow(bool bRelay, const std::vector<Bytes>& replies)
+/// What single receives bring of a reply until it is enough; nothing when the reply ends before, or has no
+/// end where it may have one.
+template <class Fn> Bytes Until(const CScriptedWire& wire, const Bytes& reply, Fn isEnough)
+{
+    const size_t nMax = std::min(RECORD_SIZE, reply.size());
+    for (size_t n = 0; n < nMax;) {
+        n += wire.Piece(RECORD_SIZE - n, nMax - n);
+        const Bytes soFar(reply.begin(), reply.begin() + static_cast<std::ptrdiff_t>(n));
+        if (isEnough(soFar))
+            return soFar;
+    }
+    return {};
+}
+
+/// A registration that is one needs its fixed part and the ends of two texts.
+bool IsWholeAck(const Bytes& scrambled)
+{
+    const auto plain = Unscramble(scrambled);
+    if (!plain || plain->empty())
+        return false;
+    if ((*plain)[0] != '8')
+        return true;
+    return plain->size() > 59 && std::count(plain->begin() + 59, plain->end(), BYTE{0}) >= 2;
+}
+
+/// The second reading of a handshake.
+SWanted Follow(const CScriptedWire& wire, bool bRelay, const std::vector<Bytes>& replies)
 {
     const auto replyAt = [&](size_t i) { return i < replies.size() ? replies[i] : Bytes(); };
     SWanted wanted;
     wanted.connects.emplace_back(bRelay ? "192.0.2.7:3968" : DIRECT);
     size_t nReply = 0;
     for (int nRedirects = 0;; ++nRedirects) {
-        const Bytes open = replyAt(nReply++);
+        const bool bAtCentre = wanted.connects.back().ends_with(":3968");
+        const auto isRedirect = [&](const Bytes& reply) {
+            return bAtCentre && reply[0] == '7' && IsLan(reply);
+        };
+        const Bytes open = Until(wire, replyAt(nReply++), [&](const Bytes& reply) {
+            return !isRedirect(reply) || reply.size() >= 10;
+        });
         if (open.empty() || open[0] != '7') {
             wanted.nResult = !open.empty() && open[0] == '0' ? CONNECT_REFUSED : CONNECT_FAILED;
             return wanted;
         }
-        if (!wanted.connects.back().ends_with(":3968") || open.size() < 10 || !IsLan(open))
+        if (!isRedirect(open))
             break;
         wanted.bLan = true;
         if (nRedirects == CClientSock::MAX_REDIRECTS)
@@ -102,12 +134,12 @@ SWanted Follow(bool bRelay, const std::vector<Bytes>& replies)
     }
     wanted.connects.push_back(std::string(wanted.connects.back()));
     wanted.bRegistered = true;
-    const auto plain = Unscramble(replyAt(nReply));
+    const auto plain = Unscramble(Until(wire, replyAt(nReply), IsWholeAck));
     if (!plain || plain->empty())
         return wanted;
     if (plain->size() == 1 && (*plain)[0] == '0')
         wanted.nResult = CONNECT_NOT_AUTHENTICATED;
-    if (plain->size() >= 60 && (*plain)[0] == '8') {
+    if ((*plain)[0] == '8') {
         wanted.nResult = 0;
         wanted.plain = *plain;
     }
@@ -128,7 +160,10 @@ void CheckAck(const Bytes& plain, const SNAckRegReq& ack, const CString& strPrjN
     // Such a name is put into a path: no part of it may lead elsewhere.
     CString strUtf8;
     strPrjName.ToUtf8(strUtf8);
+    CString strBack;
+    strBack.FromUtf8(strUtf8.data(), strUtf8.size());
     if (CClientSock::IsMirrorName(strPrjName)) {
+        FUZZ_CHECK(strBack == strPrjName);
         FUZZ_CHECK(!strUtf8.empty() && strUtf8 != "." && strUtf8 != "..");
         FUZZ_CHECK(strUtf8.find('/') == std::string::npos && strUtf8.find('\0') == std::string::npos);
     }
@@ -180,10 +215,9 @@ int LLVMFuzzerTestOneInput(const BYTE* pData, size_t nSize)
     while (!input.IsEmpty() && replies.size() < MAX_REPLIES) {
         const auto reply = input.Segment();
         wire.Reply(reply);
-        const auto received = reply.first(wire.Piece(RECORD_SIZE, reply.size()));
-        replies.emplace_back(received.begin(), received.end());
+        replies.emplace_back(reply.begin(), reply.end());
     }
-    const SWanted wanted = Follow(bRelay, replies);
+    const SWanted wanted = Follow(wire, bRelay, replies);
 
     CClientSock client;
     CString strPrjName;

@@ -182,10 +182,8 @@ std::string Mirror(const std::string& strText, const CString& strPrjName)
     CString strName;
     strPrjName.ToUtf8(strName);
     FUZZ_CHECK(strName != "." && strName != ".." && strName.find('/') == strName.npos);
-    CString strBack;
-    strBack.FromUtf8(strName.data(), strName.size());
-    if (strName.empty() || strName.size() > 255 || strBack != strPrjName)
-        return {}; // no folder can be called so, or the name is cut where it cannot be converted
+    if (strName.size() > 255)
+        return {}; // no folder can be called so
     CClientSock client;
     client.m_bLocalDB = false;
     CString strErr;

@@ -1,9 +1,12 @@
 // Every reader of a reply, one request after the other on one connection: each takes what a second reading of
-// the reply gives, whatever earlier replies have left behind, and nothing else changes.
+// the reply gives, whatever earlier replies have left behind, and nothing else changes. Where the second
+// reading no longer knows which request a byte answers, the connection has ended wholly; the values that it
+// has brought stay.
 #include "core_under_test.h"
 
 #include <algorithm>
-#include <map>
+#include <functional>
+#include <optional>
 
 namespace {
 
@@ -11,14 +14,15 @@ constexpr WORD TAGS = 16;
 constexpr WORD READ_TAGS = 8; // the first half is read, the other subscribed
 constexpr int MAX_REQUESTS = 24;
 constexpr size_t MAX_BLOCK = 4096;
+constexpr BYTE CLOSE = 0x80; // of a request's byte: its reply is the connection's last
 
 using Bytes = std::span<const BYTE>;
 
-/// The part of a reply that has not been looked at.
+/// The part of a reply that has not been received, by a second reading.
 class CReply
 {
 public:
-    explicit CReply(Bytes left) : m_left(left) {}
+    CReply(const CScriptedWire& wire, Bytes left) : m_wire(wire), m_left(left) {}
     bool Take(size_t nLen, Bytes& part)
     {
         if (nLen > m_left.size())
@@ -27,9 +31,24 @@ public:
         m_left = m_left.subspan(nLen);
         return true;
     }
-    size_t Left() const { return m_left.size(); }
+    /// What single receives give of the first nMax bytes until it is enough; nothing when the reply ends
+    /// before.
+    Bytes Until(size_t nMax, const std::function<bool(Bytes)>& isEnough)
+    {
+        const Bytes all = m_left;
+        for (size_t n = 0; n < nMax && n < all.size();) {
+            n += m_wire.Piece(nMax - n, all.size() - n);
+            if (n == nMax || isEnough(all.first(n))) {
+                m_left = all.subspan(n);
+                return all.first(n);
+            }
+        }
+        return {};
+    }
+    Bytes Left() const { return m_left; }
 
 private:
+    const CScriptedWire& m_wire;
     Bytes m_left;
 };
 
@@ -37,60 +56,97 @@ class CDialogue
 {
 public:
     explicit CDialogue(CInput& input)
-        : m_input(input), m_wire(MakeWire(input.Byte())), m_core(m_wire, TAGS),
-          m_expected(TAGS, Encoded{0, 0})
+        : m_input(input), m_nControl(input.Byte()), m_wire(MakeWire(m_nControl & 0x7F))
     {
-        Learn("r", 0, READ_TAGS, m_strRead);
-        Learn("s", READ_TAGS, TAGS - READ_TAGS, m_strAdvised);
     }
 
     void Play()
     {
         for (int i = 0; i < MAX_REQUESTS && !m_input.IsEmpty(); ++i) {
-            m_core.Reopen();
+            if (!m_core)
+                Connect();
             const BYTE nRequest = m_input.Byte();
             const Bytes reply = m_input.Segment();
-            if (nRequest % 9 == 8) {
+            if ((nRequest & 0x7F) % 9 == 8) {
                 Notify(reply);
-                continue;
+            } else {
+                m_bClose = (nRequest | m_nControl) & CLOSE;
+                Ask((nRequest & 0x7F) % 9, reply);
             }
-            m_wire.Reply(reply);
-            const size_t nSent = Channel().sent.size();
-            const bool bAsked = Request(nRequest % 9, reply);
-            FUZZ_CHECK(bAsked == (SentSince(nSent) > 0));
-            if (!bAsked)
-                break; // the reply would wait for the next request
             CheckValues();
+            if (m_bLost)
+                m_core.reset();
         }
     }
 
 private:
-    void Learn(const char* szPrefix, WORD nFirst, WORD nCount, std::string& strNames)
+    /// A new connection: nothing of the last one counts for it.
+    void Connect()
     {
+        m_core.emplace(m_wire, TAGS);
+        m_slots.clear();
+        m_expected.assign(TAGS, Encoded{0, 0});
+        m_nAdvised = m_nTail = 0;
+        m_left = {};
+        m_bClosed = m_bLost = false;
+        m_strRead = Learn("r", 0, READ_TAGS);
+        m_strAdvised = Learn("s", READ_TAGS, TAGS - READ_TAGS);
+    }
+
+    std::string Learn(const char* szPrefix, WORD nFirst, WORD nCount)
+    {
+        std::string strNames;
         std::vector<WORD> positions;
         for (WORD i = 0; i < nCount; ++i) {
             strNames += (i > 0 ? "," : "") + (szPrefix + std::to_string(i));
             positions.push_back(static_cast<WORD>(nFirst + i));
         }
-        const auto slots = m_core.Learn(strNames, positions);
+        const auto slots = m_core->Learn(strNames, positions);
         m_slots.insert(m_slots.end(), slots.begin(), slots.end());
+        return strNames;
+    }
+
+    /// What is there before a request is sent ends the connection, but for the rest of a reply without a
+    /// known end.
+    bool IsQuiet()
+    {
+        if (m_nTail > 0)
+            m_left = m_left.subspan(m_wire.Piece(m_nTail, m_left.size()));
+        m_nTail = 0;
+        return m_left.empty() && !m_bClosed;
+    }
+
+    void Ask(int nRequest, Bytes bytes)
+    {
+        const bool bAsks = nRequest != 2 || m_nAdvised < TAGS - READ_TAGS;
+        const bool bSends = bAsks && IsQuiet();
+        m_bLost = bAsks && !bSends;
+        if (bSends)
+            m_wire.Reply(bytes, m_bClose);
+        auto& channel = Channel();
+        channel.sent.clear();
+        CReply reply(m_wire, bSends ? bytes : Bytes());
+        Request(nRequest, reply, bSends);
+        // The channel outlives its descriptor.
+        FUZZ_CHECK(channel.sent.empty() == !bSends);
+        m_core->CheckWhole(!m_bLost);
+        if (!bSends)
+            return;
+        m_left = reply.Left();
+        m_bClosed = m_bClose;
+        FUZZ_CHECK(m_bLost || std::ranges::equal(channel.incoming, m_left));
     }
 
     CScriptedWire::SChannel& Channel()
     {
-        auto* pChannel = m_wire.Find(m_core.Core().m_reqSock.GetHandle());
-        static CScriptedWire::SChannel none;
-        return pChannel ? *pChannel : none;
+        auto* pChannel = m_wire.Find(m_core->Core().m_reqSock.GetHandle());
+        FUZZ_CHECK(pChannel);
+        return *pChannel;
     }
 
-    size_t SentSince(size_t nSent)
-    {
-        // A connection that an exchange has ended has sent its request, or there was nothing to end it for.
-        return m_core.Core().m_reqSock.IsSocket() ? Channel().sent.size() - nSent : 1;
-    }
-
-    /// Makes a request and checks its result. False when there was nothing to ask.
-    bool Request(int nRequest, Bytes reply)
+    /// Makes a request, checks its result and notes whether it has ended the connection. Without a reply
+    /// where nothing is sent.
+    void Request(int nRequest, CReply& reply, bool bSends)
     {
         switch (nRequest) {
         case 0:
@@ -98,7 +154,7 @@ private:
         case 1:
             return Read(reply);
         case 2:
-            return Advise(reply);
+            return Advise(reply, bSends);
         case 3:
             return GetPosition(reply);
         case 4:
@@ -112,59 +168,51 @@ private:
         }
     }
 
-    /// The whole reply was taken, and only it.
-    void CheckLeft(size_t nLeft) { FUZZ_CHECK(Channel().incoming.size() == nLeft); }
-
-    bool LookUp(Bytes reply)
+    /// A refusal is as long as what it refuses.
+    void LookUp(CReply& reply)
     {
         const std::string strNumber = std::to_string(m_nNames++);
+        Bytes whole;
+        m_bLost = !reply.Take(9, whole);
         CDBDriver::TagSlots slots;
         const bool bDone =
-            m_core.Driver().CheckTagId(("x" + strNumber + ", ,r1,y" + strNumber).c_str(), slots);
-        FUZZ_CHECK(bDone == (reply.size() >= 9 && reply[0] == 'L'));
+            m_core->Driver().CheckTagId(("x" + strNumber + ", ,r1,y" + strNumber).c_str(), slots);
+        FUZZ_CHECK(bDone == (!m_bLost && whole[0] == 'L'));
         if (!bDone)
-            return true;
-        CheckLeft(reply.size() - 9);
+            return;
         const auto slotAt = [&](size_t nOffset) {
-            const unsigned nPos = LittleWord(reply.subspan(nOffset));
+            const unsigned nPos = LittleWord(whole.subspan(nOffset));
             return nPos < TAGS ? m_slots[nPos] : nullptr;
         };
         FUZZ_CHECK((slots == CDBDriver::TagSlots{nullptr, m_slots[1], slotAt(1), slotAt(5)}));
-        return true;
     }
 
-    bool Read(Bytes reply)
+    void Read(CReply& reply)
     {
-        CReply left(reply);
-        const bool bWanted = ReadBlocks(left);
+        bool bGood = true;
+        m_bLost = !ReadBlocks(reply, bGood);
         CDBDriver::TagSlots slots;
-        const bool bDone = m_core.Driver()._GetTagValue(m_strRead.c_str(), slots);
-        FUZZ_CHECK(bDone == bWanted);
+        const bool bDone = m_core->Driver()._GetTagValue(m_strRead.c_str(), slots);
+        FUZZ_CHECK(bDone == (!m_bLost && bGood));
         FUZZ_CHECK(std::equal(slots.begin(), slots.end(), m_slots.begin(), m_slots.begin() + READ_TAGS));
-        if (bDone)
-            CheckLeft(left.Left());
-        return true;
     }
 
-    /// The second reading of a read's reply. What comes before a fault is kept.
-    bool ReadBlocks(CReply& reply)
+    /// The second reading of a read's reply: false when it is not known where it ends. What comes before a
+    /// fault is kept.
+    bool ReadBlocks(CReply& reply, bool& bGood)
     {
         size_t nStored = 0;
-        for (size_t nBlocks = 0; nBlocks <= READ_TAGS; ++nBlocks) {
+        for (;;) {
             Bytes head;
             Bytes block;
-            if (!reply.Take(4, head) || head[0] != 'H' || LittleWord(head.subspan(2)) > MAX_BLOCK ||
-                !reply.Take(LittleWord(head.subspan(2)), block))
+            if (!reply.Take(4, head) || head[0] != 'H' || !reply.Take(LittleWord(head.subspan(2)), block))
                 return false;
-            while (!block.empty() && nStored < READ_TAGS) {
-                if (!StoreNext(block, nStored))
-                    return false;
-                ++nStored;
-            }
-            if (head[1] != 1 || nStored == READ_TAGS)
+            bGood = bGood && block.size() <= MAX_BLOCK;
+            while (bGood && !block.empty() && nStored < READ_TAGS)
+                bGood = StoreNext(block, nStored++);
+            if (head[1] != 1)
                 return true;
         }
-        return false;
     }
 
     bool StoreNext(Bytes& block, size_t nTag)
@@ -177,95 +225,94 @@ private:
         return true;
     }
 
-    bool Advise(Bytes reply)
+    /// A block that is too long or has not every value whole hides how much follows.
+    void Advise(CReply& reply, bool bSends)
     {
         const size_t nFirst = READ_TAGS + m_nAdvised;
-        CReply left(reply);
         Bytes block;
         size_t nTag = nFirst;
         for (; nTag < TAGS; ++nTag) {
             Bytes head;
             if (block.empty() &&
-                (!left.Take(3, head) || head[0] != 'b' || LittleWord(head.subspan(1)) > MAX_BLOCK ||
-                 !left.Take(LittleWord(head.subspan(1)), block)))
+                (!reply.Take(3, head) || head[0] != 'b' || LittleWord(head.subspan(1)) > MAX_BLOCK ||
+                 !reply.Take(LittleWord(head.subspan(1)), block)))
                 break;
             if (!StoreNext(block, nTag))
                 break;
         }
-        const bool bDone = m_core.Driver()._ConnectTag(m_strAdvised.c_str());
-        FUZZ_CHECK(bDone == (nTag == TAGS));
+        m_bLost = m_bLost || (bSends && nTag < TAGS);
+        FUZZ_CHECK(m_core->Driver()._ConnectTag(m_strAdvised.c_str()) == (nTag == TAGS));
         m_nAdvised = nTag - READ_TAGS;
         for (size_t i = 0; i < TAGS; ++i)
             FUZZ_CHECK(m_slots[i]->bSubscribe == (i >= READ_TAGS && i < nTag));
-        if (bDone && nFirst < TAGS)
-            CheckLeft(left.Left());
-        return nFirst < TAGS;
     }
 
-    bool GetPosition(Bytes reply)
+    /// A short reply that may have more than is asked for: its bytes, or nothing, which ends the connection.
+    Bytes Short(CReply& reply, BYTE nFirst, size_t nLeast, size_t nMax)
     {
-        const Bytes first = reply.first(m_wire.Piece(16, reply.size()));
+        const Bytes got =
+            reply.Until(nMax, [&](Bytes bytes) { return bytes[0] != nFirst || bytes.size() >= nLeast; });
+        m_bLost = got.empty() || got[0] != nFirst;
+        m_nTail = m_bLost ? 0 : nMax - got.size();
+        return got;
+    }
+
+    void GetPosition(CReply& reply)
+    {
+        const Bytes got = Short(reply, 'L', 3, 16);
         WORD nPos = 0x5A5A;
-        const int nDone = m_core.Core().GetTagId(0, "name", &nPos);
-        FUZZ_CHECK(nDone == (first.size() >= 3 && first[0] == 'L'));
-        FUZZ_CHECK(nPos == (nDone ? LittleWord(first.subspan(1)) : 0x5A5A));
-        return true;
+        FUZZ_CHECK(m_core->Core().GetTagId(0, "name", &nPos) == !m_bLost);
+        FUZZ_CHECK(nPos == (m_bLost ? 0x5A5A : LittleWord(got.subspan(1))));
     }
 
-    bool Unadvise(Bytes reply)
+    void Unadvise(CReply& reply)
     {
-        FUZZ_CHECK(m_core.Core().UnadviseTag(7) == (!reply.empty() && reply[0] == 'd'));
-        return true;
+        Short(reply, 'd', 1, 16);
+        FUZZ_CHECK(m_core->Core().UnadviseTag(7) == !m_bLost);
     }
 
-    bool Alarms(Bytes reply)
+    void Alarms(CReply& reply)
     {
-        CReply left(reply);
         Bytes head;
         Bytes records;
-        const bool bWanted = left.Take(3, head) && head[0] == 'n' &&
-                             left.Take(S2RtAlarm2::WIRE_SIZE * LittleWord(head.subspan(1)), records);
+        m_bLost = !reply.Take(3, head) || head[0] != 'n' ||
+                  !reply.Take(S2RtAlarm2::WIRE_SIZE * LittleWord(head.subspan(1)), records);
         std::vector<S2RtAlarm2> alarms;
-        FUZZ_CHECK(m_core.ReadActiveAlarms(alarms) == bWanted);
-        if (!bWanted)
-            return true;
+        FUZZ_CHECK(m_core->ReadActiveAlarms(alarms) == !m_bLost);
+        if (m_bLost)
+            return;
         std::vector<BYTE> again(records.size());
         CWireWriter writer(again);
         for (const S2RtAlarm2& alarm : alarms)
             WriteRtAlarm(writer, alarm);
         FUZZ_CHECK(!writer.IsBad() && std::ranges::equal(again, records));
-        CheckLeft(left.Left());
-        return true;
     }
 
-    bool LogIn(Bytes reply)
+    void LogIn(CReply& reply)
     {
-        std::vector<BYTE> first(reply.begin(), reply.end());
-        first.resize(m_wire.Piece(256, reply.size()));
+        const Bytes got = Short(reply, '9', 9, 256);
         auto eWanted = EConnect::Protocol;
-        if (first.empty())
+        if (got.empty())
             eWanted = EConnect::Failed;
-        else if (first[0] == '9')
+        else if (got[0] == '9')
             eWanted = EConnect::Connected;
-        else if (first[0] == '0')
+        else if (got[0] == '0')
             eWanted = EConnect::LoginRefused;
-        first.resize(9);
-        DWORD nRights = 0;
-        FUZZ_CHECK(m_core.Login(nRights) == eWanted);
+        DWORD nRights = 0x5A5A;
+        FUZZ_CHECK(m_core->Login(nRights) == eWanted);
         if (eWanted == EConnect::Connected)
-            FUZZ_CHECK(nRights ==
-                       (LittleWord(Bytes(first).subspan(5)) | LittleWord(Bytes(first).subspan(7)) << 16));
-        return true;
+            FUZZ_CHECK(nRights == Number(got.subspan(5, 4)));
     }
 
-    bool ProjectPath(Bytes reply)
+    /// Read as it lies in the buffer of one receive; no server is asked for it, see CClientSock::_IsLocalDB.
+    void ProjectPath(CReply& reply)
     {
-        std::string strWhole(reinterpret_cast<const char*>(reply.data()), m_wire.Piece(2048, reply.size()));
-        const bool bWanted = !strWhole.empty() && strWhole[0] == '3';
+        const Bytes got = Short(reply, '3', 1, 2048);
+        std::string strWhole(got.begin(), got.end());
         std::array<CString, 4> texts;
-        FUZZ_CHECK(m_core.Core().GetPrjPath(texts[0], texts[1], texts[2], texts[3]) == bWanted);
-        if (!bWanted)
-            return true;
+        FUZZ_CHECK(m_core->Core().GetPrjPath(texts[0], texts[1], texts[2], texts[3]) == !m_bLost);
+        if (m_bLost)
+            return;
         strWhole.resize(2048);
         size_t nPos = 1;
         for (const CString& strText : texts) {
@@ -274,13 +321,12 @@ private:
                        (nNul == std::string::npos ? std::string() : strWhole.substr(nPos, nNul - nPos)));
             nPos = nNul == std::string::npos ? nNul : nNul + 1;
         }
-        return true;
     }
 
     /// A change that the server pushes, at the front of what has come in.
     void Notify(Bytes bytes)
     {
-        const int nLen = m_core.Core().OnDBNotify(bytes, nullptr);
+        const int nLen = m_core->Core().OnDBNotify(bytes, nullptr);
         if (bytes.size() < 2) {
             FUZZ_CHECK(nLen == NOTIFY_CUT);
         } else if (LittleWord(bytes) == SYSTEM_NOTIFY) {
@@ -293,7 +339,7 @@ private:
         } else {
             NotifyTag(LittleWord(bytes.subspan(2)), bytes.subspan(4), nLen);
         }
-        CheckValues();
+        m_core->CheckWhole(true);
     }
 
     void NotifyTag(unsigned nTag, Bytes payload, int nLen)
@@ -318,12 +364,18 @@ private:
     }
 
     CInput& m_input;
+    const BYTE m_nControl;
     CScriptedWire m_wire;
-    CDBCoreTest m_core;
+    std::optional<CDBCoreTest> m_core; // none: the connection has ended
     std::string m_strRead;
     std::string m_strAdvised;
     CDBDriver::TagSlots m_slots; // by position
     std::vector<Encoded> m_expected;
+    Bytes m_left;           // what has come and was not received
+    size_t m_nTail = 0;     // how much of that the last reply may still claim
+    bool m_bClose = false;  // the peer ends the connection behind the next reply
+    bool m_bClosed = false; // it has
+    bool m_bLost = false;
     size_t m_nAdvised = 0;
     int m_nNames = 0;
 };

@@ -1,6 +1,7 @@
 // A whole Connect with its files, then a registration for alarms, against a server that does every step well
-// or spoils it: cut, replaced, left out. Connected means that the directory that was sent is loaded, driver
-// for driver; whatever else happened leaves no descriptor behind.
+// or spoils it: cut, replaced, left out, in pieces. Connected means that the directory that was sent is
+// loaded, driver for driver; a registration that fails has ended the connection, and so does the end of one
+// of its two streams; whatever else happened leaves no descriptor behind.
 #include "core_under_test.h"
 
 #include <algorithm>
@@ -86,6 +87,14 @@ Bytes Registered(DWORD tTime, size_t nSize)
             plain.push_back(static_cast<BYTE>(n >> nShift));
     plain.insert(plain.end(), {'P', 0, 't', 'i', 't', 'l', 'e', 0});
     return Scrambled(plain);
+}
+
+/// A registration that is one has its fixed part and the ends of two texts.
+bool IsRegistered(const Bytes& reply)
+{
+    const Bytes plain = Unscrambled(reply);
+    return plain.size() > ACK_SIZE && plain[0] == '8' &&
+           std::count(plain.begin() + ACK_SIZE - 1, plain.end(), BYTE{0}) >= 2;
 }
 
 Bytes FileReply(const Bytes& body, const char* szMore)
@@ -187,7 +196,8 @@ class CSession
 {
 public:
     explicit CSession(CInput& input)
-        : m_input(input), m_nControl(input.Byte()), m_wire(MakeWire(m_nControl)), m_nFlags(input.Byte())
+        : m_input(input), m_nControl(input.Byte()), m_wire(MakeWire(m_nControl & 0x7F)),
+          m_nFlags(input.Byte())
     {
         fs::remove_all(m_folder);
         g_held = {true};
@@ -205,11 +215,14 @@ public:
 
 private:
     bool HasCopy() const { return m_nFlags & 1; }
+    bool RequestsEnd() const { return m_nFlags & 16; } // and the other connection is silent
     void PlantCopy();
     void TakeHandshake();
     void TakeDownload();
     void CheckDrivers(CDBCore& core) const;
-    void PlayAlarms(CDBCore& core);
+    void SayAlarms();
+    void CheckAlarms(CDBCore& core);
+    void CheckEnded(CDBCore& core) const;
     void Receive(CDBCore& core);
     void Say(const SStep& step) { m_wire.Reply(step.reply); }
 
@@ -222,6 +235,10 @@ private:
     Bytes m_copy;      // the file of an earlier connection
     Bytes m_directory; // the server's
     SStep m_login;
+    size_t m_nAlarms = 0;
+    size_t m_nTexts = 0;
+    bool m_bAlarmsKnown = true;
+    bool m_bAlarmsFail = false;
     bool m_bKnown = false;                  // every step says for sure what must come of it
     bool m_bMustFail = false;               // one step at least cannot lead to a connection
     std::optional<Bytes> m_directoryToLoad; // where the download says it
@@ -256,7 +273,7 @@ void CSession::TakeHandshake()
     Say(reg);
     Say(m_login);
     m_bKnown = open.eStep == EStep::Good && reg.eStep == EStep::Good && m_login.eStep == EStep::Good;
-    m_bMustFail = open.reply.empty() || open.reply[0] != '7' || Unscrambled(reg.reply).size() < ACK_SIZE ||
+    m_bMustFail = open.reply.empty() || open.reply[0] != '7' || !IsRegistered(reg.reply) ||
                   m_login.reply.size() < LOGIN_SIZE || m_login.reply[0] != '9';
     if (bCurrent && m_bKnown)
         m_directoryToLoad = m_copy; // it is not asked for
@@ -306,53 +323,73 @@ void CSession::CheckDrivers(CDBCore& core) const
     FUZZ_CHECK(drivers.contains("no such driver") || !core._GetDriver("no such driver"));
 }
 
-void CSession::PlayAlarms(CDBCore& core)
+void CSession::SayAlarms()
 {
-    const size_t nAlarms = m_input.Byte() % 32;
-    const size_t nTexts = m_input.Byte() % 8;
+    m_nAlarms = m_input.Byte() % 32;
+    m_nTexts = m_input.Byte() % 8;
     Bytes alarms{'n'};
-    AppendNumber(alarms, nAlarms, 2);
-    for (size_t i = 0; i < nAlarms; ++i) {
+    AppendNumber(alarms, m_nAlarms, 2);
+    for (size_t i = 0; i < m_nAlarms; ++i) {
         Bytes record(32);
         record[0] = 1; // a second of 1970
         record[8] = static_cast<BYTE>(i);
         alarms.insert(alarms.end(), record.begin(), record.end());
     }
     std::string strList;
-    for (size_t i = 0; i < nTexts; ++i)
+    for (size_t i = 0; i < m_nTexts; ++i)
         strList += "text" + std::to_string(i) + "\r\n";
     const SStep active = TakeStep(m_input, alarms);
     const SStep textList = TakeStep(m_input, FileReply(BytesOf(strList), ""));
     const SStep tagList = TakeStep(m_input, FileReply(BytesOf(strList), ""));
-    for (const SStep* pStep : {&active, &textList, &tagList})
+    for (const SStep* pStep : {&active, &textList, &tagList}) {
         Say(*pStep);
+        m_bAlarmsKnown &= pStep->eStep == EStep::Good;
+        m_bAlarmsFail |= pStep->eStep == EStep::Cut || pStep->eStep == EStep::None;
+    }
+}
 
+void CSession::CheckAlarms(CDBCore& core)
+{
     static PyMethodDef method{"on_alarm", OnAlarm, METH_VARARGS, nullptr};
     const CPyRef receiver(PyCFunction_New(&method, nullptr));
     const int nResult = core._SetRtAlarmNotify(receiver.get(), true);
     FUZZ_CHECK(!PyErr_Occurred() && (nResult == 0 || nResult == -2));
-    if (active.eStep == EStep::Cut || active.eStep == EStep::None)
-        FUZZ_CHECK(nResult == -2 && g_calls.empty());
-    if (active.eStep != EStep::Good || textList.eStep != EStep::Good || tagList.eStep != EStep::Good ||
-        !m_bKnown)
+    FUZZ_CHECK((nResult == 0) == core.IsConnected());
+    if (nResult != 0)
+        FUZZ_CHECK(g_calls.empty());
+    if (!m_bKnown) // the replies may be those of other requests
         return;
-    FUZZ_CHECK(nResult == 0 && g_calls.size() == nAlarms);
-    for (size_t i = 0; i < nAlarms; ++i) { // the one reported last comes first
-        const size_t nText = nAlarms - 1 - i;
-        FUZZ_CHECK(g_calls[i] == (nText < nTexts ? "text" + std::to_string(nText) : "???"));
+    FUZZ_CHECK(nResult == -2 || !m_bAlarmsFail);
+    if (!m_bAlarmsKnown)
+        return;
+    FUZZ_CHECK(nResult == 0 && g_calls.size() == m_nAlarms);
+    for (size_t i = 0; i < m_nAlarms; ++i) { // the one reported last comes first
+        const size_t nText = m_nAlarms - 1 - i;
+        FUZZ_CHECK(g_calls[i] == (nText < m_nTexts ? "text" + std::to_string(nText) : "???"));
     }
 }
 
-/// The stream of notifications to its end, on this thread.
+/// Both connections and the directory are gone.
+void CSession::CheckEnded(CDBCore& core) const
+{
+    FUZZ_CHECK(!core.IsConnected() && !core.m_reqSock.IsSocket() && !core.m_rcvSock.IsSocket());
+    for (const Bytes* pBytes : {&m_copy, &m_directory})
+        for (const auto& [strName, info] : DriversOf(*pBytes))
+            FUZZ_CHECK(!core._GetDriver(strName.c_str()));
+}
+
+/// The stream of notifications to the end of one of the connections, on this thread.
 void CSession::Receive(CDBCore& core)
 {
     const auto pushed = m_input.Segment();
-    if (auto* pChannel = m_wire.Find(core.m_rcvSock.GetHandle()))
+    if (auto* pChannel = m_wire.Find(core.m_rcvSock.GetHandle())) {
         pChannel->incoming.insert(pChannel->incoming.end(), pushed.begin(), pushed.end());
-    m_wire.End();
+        pChannel->bClosed |= !RequestsEnd();
+    }
+    if (auto* pChannel = m_wire.Find(core.m_reqSock.GetHandle()))
+        pChannel->bClosed |= RequestsEnd();
     FUZZ_CHECK(g_held.fn && g_held.pParam);
     g_held.fn(g_held.pParam);
-    FUZZ_CHECK(!core.IsConnected());
 }
 
 void CSession::Play()
@@ -361,22 +398,26 @@ void CSession::Play()
         PlantCopy();
     m_directory = TakeDirectory(m_input);
     TakeHandshake();
+    const bool bAlarms = m_nFlags & 8;
+    if (bAlarms)
+        SayAlarms();
+    if (m_nControl & 0x80)
+        m_wire.EndBehindReplies();
     CDBCore core;
     const EConnect eResult = core._Connect(CString(m_strHost), "user", "password");
-    if (m_bMustFail)
-        FUZZ_CHECK(eResult != EConnect::Connected);
-    else if (m_bKnown && !(m_nControl & 0x80)) // a peer that closes may do so before it is asked
-        FUZZ_CHECK(eResult == EConnect::Connected);
+    FUZZ_CHECK(eResult != EConnect::Connected || !m_bMustFail);
+    FUZZ_CHECK(eResult == EConnect::Connected || !m_bKnown || m_bMustFail);
+    FUZZ_CHECK(core.IsConnected() == (eResult == EConnect::Connected) && core.IsConnected() == !!g_held.fn);
     if (eResult == EConnect::Connected) {
-        FUZZ_CHECK(core.IsConnected() && core.m_nRights == Number(std::span(m_login.reply).subspan(5, 4)));
+        FUZZ_CHECK(core.m_nRights == Number(std::span(m_login.reply).subspan(5, 4)));
         CheckDrivers(core);
-        if (m_nFlags & 8)
-            PlayAlarms(core);
+        if (bAlarms)
+            CheckAlarms(core);
         Receive(core);
+        CheckEnded(core);
         FUZZ_CHECK(core._Disconnect());
     }
-    FUZZ_CHECK(eResult == EConnect::Connected || !g_held.fn);
-    FUZZ_CHECK(!core.IsConnected() && !core.m_reqSock.IsSocket() && !core.m_rcvSock.IsSocket());
+    CheckEnded(core);
 }
 
 } // namespace

@@ -1,5 +1,7 @@
-// The notification stream of a connected core, cut into receives anywhere: every receive is walked to the
-// same values as by a second, slower reading of its bytes, and to no others.
+// The notification stream of a connected core, cut into receives anywhere, with pauses between them: every
+// receive is walked to the same values as by a second, slower reading of its bytes, and to no others. It goes
+// on as long as it ends inside a notification and no longer, and a notification whose rest does not come in
+// time is a loss.
 #include "core_under_test.h"
 
 #include <algorithm>
@@ -9,12 +11,14 @@ namespace {
 
 /// A tag of every type that has a payload, one of a type without, and one without a value.
 constexpr std::array<WORD, 16> TYPES{2, 3, 4, 5, 7, 8, 11, 16, 17, 18, 19, 20, 22, 23, 6, 0};
+constexpr size_t RECEIVE_SIZE = 2048; // of the first receive of several
 
 class CStream
 {
 public:
     explicit CStream(CInput& input)
-        : m_wire(MakeWire(input.Byte())), m_core(m_wire, static_cast<WORD>(TYPES.size()))
+        : m_nControl(input.Byte()), m_pause(std::chrono::milliseconds(100) * input.Byte()),
+          m_wire(MakeWire(m_nControl & 0x7F)), m_core(m_wire, static_cast<WORD>(TYPES.size()))
     {
         std::string strNames;
         std::vector<WORD> positions;
@@ -35,51 +39,93 @@ public:
 
     void Walk(std::span<const BYTE> stream)
     {
-        auto& incoming = m_wire.Find(m_core.Core().m_rcvSock.GetHandle())->incoming;
-        incoming.assign(stream.begin(), stream.end());
-        CRecvBuffer buffer;
-        while (m_core.WalkReceive(buffer)) {
-            // A receive's bytes are those that are gone now, the rests that it had to read on for included.
-            const size_t nGone = stream.size() - incoming.size();
-            FUZZ_CHECK(nGone > 0);
-            WalkAgain(stream.first(nGone));
-            stream = stream.subspan(nGone);
+        auto& channel = *m_wire.Find(m_core.Core().m_rcvSock.GetHandle());
+        channel.incoming.assign(stream.begin(), stream.end());
+        channel.bClosed = m_nControl & 0x80;
+        channel.pause = m_pause;
+        CRecvBuffer buffer(CDBCoreTest::TIME_OUT_MS);
+        for (;;) {
+            channel.received.clear();
+            const auto eReceived = m_core.Receive(buffer);
+            if (eReceived == EReceived::None)
+                break;
+            const bool bWhole = WalkAgain(stream, channel.received);
+            FUZZ_CHECK((eReceived == EReceived::Walked) == bWhole);
             for (size_t i = 0; i < TYPES.size(); ++i)
                 FUZZ_CHECK(Encode(m_slots[i]->value) == m_expected[i]);
+            if (!bWhole)
+                return;
         }
-        FUZZ_CHECK(stream.empty() && incoming.empty());
+        FUZZ_CHECK(stream.empty() && channel.incoming.empty());
     }
 
 private:
-    void WalkAgain(std::span<const BYTE> left)
+    using EReceived = CDBCoreTest::EReceived;
+
+    /// The second reading of one receive, made of these pieces. False when it ends inside a notification.
+    bool WalkAgain(std::span<const BYTE>& stream, const std::vector<size_t>& pieces)
     {
-        const FnHasTag hasTag = [](WORD nDriver, WORD nTag) { return nDriver == 0 && nTag < TYPES.size(); };
-        while (left.size() >= 2) {
-            size_t nLen = 0;
-            if (LittleWord(left) == SYSTEM_NOTIFY) {
-                const int nSystem = SysNotifyLength(left, hasTag);
-                nLen = nSystem > 0 ? static_cast<size_t>(nSystem) : 0;
-            } else if (LittleWord(left) == 0 && left.size() >= 4) {
-                nLen = Change(LittleWord(left.subspan(2)), left.subspan(4));
-            }
-            if (nLen == 0 || nLen >= left.size())
-                return;
-            left = left.subspan(nLen);
+        FUZZ_CHECK(!pieces.empty() && pieces[0] == m_wire.Piece(RECEIVE_SIZE, stream.size()));
+        size_t nHave = 0; // received
+        size_t nDone = 0; // walked
+        bool bCut = true;
+        for (const size_t nPiece : pieces) {
+            FUZZ_CHECK(bCut); // nothing is received when nothing is missing
+            nHave += nPiece;
+            bCut = GoOn(stream.first(nHave), nDone);
         }
+        stream = stream.subspan(nHave);
+        // The rest is awaited as long as there is one to come and the pause before it is not too long.
+        const bool bRestComes = !stream.empty() && m_pause.count() <= CDBCoreTest::TIME_OUT_MS;
+        FUZZ_CHECK(!bCut || !bRestComes);
+        return !bCut;
     }
 
-    /// The length of a change, or 0 where the walk ends.
-    size_t Change(unsigned nTag, std::span<const BYTE> payload)
+    /// Walks on behind nDone. True when the bytes end inside a notification; what cannot begin one ends the
+    /// walk with all of them.
+    bool GoOn(std::span<const BYTE> bytes, size_t& nDone)
+    {
+        while (nDone < bytes.size()) {
+            const size_t nLen = LengthAt(bytes.subspan(nDone));
+            if (nLen == 0)
+                return true;
+            nDone += nLen;
+        }
+        return false;
+    }
+
+    /// The length of the notification at the front, and its value stored; 0 for a part of one.
+    size_t LengthAt(std::span<const BYTE> bytes)
+    {
+        if (bytes.size() < 2)
+            return 0;
+        if (LittleWord(bytes) == SYSTEM_NOTIFY) {
+            const FnHasTag hasTag = [](WORD nDriver, WORD nTag) {
+                return nDriver == 0 && nTag < TYPES.size();
+            };
+            const int nLen = SysNotifyLength(bytes, hasTag);
+            return nLen == NOTIFY_STOP ? bytes.size() : static_cast<size_t>(nLen);
+        }
+        if (LittleWord(bytes) != 0)
+            return bytes.size();
+        return bytes.size() < 4 ? 0 : Change(LittleWord(bytes.subspan(2)), bytes);
+    }
+
+    size_t Change(unsigned nTag, std::span<const BYTE> bytes)
     {
         if (nTag >= TYPES.size() || TYPES[nTag] == 0)
+            return bytes.size();
+        const auto decoded = DecodePayload(TYPES[nTag], bytes.subspan(4));
+        if (!decoded)
             return 0;
-        const auto decoded = DecodePayload(TYPES[nTag], payload);
-        if (!decoded || decoded->nUsed == 0)
-            return 0;
+        if (decoded->nUsed == 0)
+            return bytes.size();
         m_expected[nTag] = decoded->value;
         return decoded->nUsed + 4;
     }
 
+    const BYTE m_nControl;
+    const std::chrono::milliseconds m_pause;
     CScriptedWire m_wire;
     CDBCoreTest m_core;
     CDBDriver::TagSlots m_slots;

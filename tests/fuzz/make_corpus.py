@@ -12,6 +12,7 @@ CORPUS = Path(__file__).parent / "corpus"
 ALARM = struct.pack("<IIHHHBBdd", 1700000000, 0, 1, 2, 3, 4, 5, 6.5, -7.5)
 WIDTHS = {2: 2, 3: 4, 4: 4, 5: 8, 7: 8, 11: 1, 16: 1, 17: 1, 18: 2, 19: 4, 20: 8, 22: 4, 23: 4}
 UNCUT, BYTEWISE, CLOSED = b"\0", b"\x01", b"\x80"  # how the scripted server's bytes arrive, and how they end
+NO_PAUSE = b"\0"
 
 
 def typed(kind: int, payload: bytes) -> bytes:
@@ -84,7 +85,7 @@ TRUE, FALSE, OTHER, NONE = b"\x08", b"\0", b"\x06", b"\x07"  # the values of a w
 
 # A step of a whole connection: as it should be, cut behind so many bytes, other bytes, nothing.
 GOOD, NOTHING = b"\0", b"\3"
-NO_COPY, COPY, CURRENT, HELLO, ALARM_CALLS = 0, 1, 3, 4, 8  # its flags
+NO_COPY, COPY, CURRENT, HELLO, ALARM_CALLS, REQUESTS_END = 0, 1, 3, 4, 8, 16  # its flags
 
 
 def cut(size: int) -> bytes:
@@ -129,13 +130,17 @@ SEEDS: dict[str, list[bytes]] = {
         system(21, b"\x00\x00\x01\x00no end"),
         system(22, b"\x09\x00\x01\x00\x00"),
     ],
+    # Pieces, the pause between two of them in tenths of a second, what comes.
     "stream": [
-        UNCUT + b"".join(change(tag, b"\x01" * WIDTHS[kind]) for tag, kind in enumerate((2, 3, 4, 5, 7))),
-        b"\x07" + change(5, b"text\0") * 9 + change(6, b"\x05") + system(3, ALARM) + change(0, b"\x02\x00"),
-        CLOSED + change(1, bytes(4)) + change(14, b"") + change(2, bytes(4)),
-        b"\x05" + system(16, b"\x00\x00\x01\x00" + b"t" * 70 + b"\0") + change(15, b"") + change(0, b"\x03"),
-        BYTEWISE + system(9, b"\x00\x00\x01\x00\x00") + change(9, b"\x01\x02\x03\x04", driver=7),
-        b"\x7f" + change(5, b"x" * 150 + b"\0") * 15 + change(12, b"\x04\x03\x02\x01"),
+        UNCUT + NO_PAUSE + b"".join(change(tag, b"\x01" * WIDTHS[kind]) for tag, kind in enumerate((2, 3, 4, 5, 7))),
+        b"\x07\x05" + change(5, b"text\0") * 9 + change(6, b"\x05") + system(3, ALARM) + change(0, b"\x02\x00"),
+        CLOSED + NO_PAUSE + change(1, bytes(4)) + change(14, b"") + change(2, bytes(4)),
+        b"\x05\x50" + system(16, b"\x00\x00\x01\x00" + b"t" * 70 + b"\0") + change(15, b"") + change(0, b"\x03"),
+        BYTEWISE + NO_PAUSE + system(9, b"\x00\x00\x01\x00\x00") + change(9, b"\x01\x02\x03\x04", driver=7),
+        b"\x7f\x0e" + change(5, b"x" * 150 + b"\0") * 15 + change(12, b"\x04\x03\x02\x01"),
+        b"\x06\x51" + change(0, b"\x02\x00") + change(1, bytes(4)) + change(2, bytes(4)),
+        b"\x85\x01" + change(2, bytes(4)) * 3,
+        UNCUT + NO_PAUSE + change(5, b"x" * 5000 + b"\0") + change(0, b"\x07\x00"),
     ],
     "replies": [
         UNCUT
@@ -172,6 +177,16 @@ SEEDS: dict[str, list[bytes]] = {
         + segment(b"n\xff\xff" + ALARM)
         + LOGIN
         + b"\0\0",
+        # Behind a reply: a tail, an open end, too much, the end of the connection.
+        BYTEWISE + POSITION + segment(b"L\x05\x00") + READ + segment(read_block(NUMBERS)),
+        UNCUT + POSITION + segment(b"L\x05\x00" + b"." * 13) + READ + segment(read_block(NUMBERS)),
+        UNCUT + POSITION + segment(b"L\x05\x00" + b"." * 14) + READ + segment(read_block(NUMBERS)),
+        UNCUT + LOOKUP + segment(b"0" + bytes(8)) + LOOKUP + segment(b"L" + bytes(8)),
+        UNCUT + LOOKUP + segment(b"L" + bytes(9)) + READ + segment(read_block(NUMBERS)),
+        UNCUT + READ + segment(read_block(NUMBERS, more=1) + read_block(EIGHT)) + READ + segment(read_block(EIGHT)),
+        b"\x7f" + READ + segment(read_block(bytes(4097), more=1) + read_block(b"")) + READ + segment(read_block(EIGHT)),
+        UNCUT + ADVISE + segment(advise_block(bytes(4097))) + READ + segment(read_block(EIGHT)),
+        UNCUT + b"\x81" + segment(read_block(EIGHT)) + READ + segment(read_block(EIGHT)) + UNADVISE + segment(b"d"),
     ],
     "connect": [
         UNCUT + b"\0" + segment(b"7") + segment(registered("演示".encode("gb2312"))),
@@ -181,6 +196,10 @@ SEEDS: dict[str, list[bytes]] = {
         UNCUT + b"\1" + segment(redirect(bytes(4), 0)) + segment(b"0"),
         CLOSED + b"\0" + segment(b"7") + segment(scramble(b"0")),
         b"\x50\0" + segment(b"7") + segment(registered(b"a/b" * 100)),
+        b"\x02\1" + segment(redirect(bytes([192, 0, 2, 9]), 82)) + segment(b"7more") + segment(registered(b"P")),
+        UNCUT + b"\0" + segment(b"7") + segment(registered(b"P")[:70]),
+        UNCUT + b"\0" + segment(b"7") + segment(registered(b"P", b"t\0" + bytes(400))),
+        UNCUT + b"\0" + segment(b"7") + segment(registered(b"P", b"t" * 600)),
     ],
     "download": [
         b"\xfeSize:5\r\nFileTime:60000000\r\n\r\nhello",
@@ -277,6 +296,9 @@ SEEDS: dict[str, list[bytes]] = {
         UNCUT + bytes([NO_COPY]) + drivers(1) + other(b"0"),
         UNCUT + bytes([NO_COPY]) + drivers(1, 1) + GOOD + GOOD + NOTHING,
         CLOSED + bytes([NO_COPY]) + drivers(1, 1) + GOOD * 3 + b"\0" + cut(45),
+        CLOSED + bytes([NO_COPY]) + drivers(1, 1) + GOOD * 3 + b"\0" + GOOD,
+        CLOSED + bytes([ALARM_CALLS]) + drivers(2) + GOOD * 3 + b"\0" + GOOD + b"\x05\x03" + GOOD * 3,
+        UNCUT + bytes([REQUESTS_END]) + drivers(2) + GOOD * 3 + b"\0" + GOOD + segment(change(0, b"\1\0")),
     ],
     # How it begins (nothing, open, open at a relay centre, register), size of pieces, what the client sends.
     "requests": [

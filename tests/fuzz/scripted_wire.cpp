@@ -61,30 +61,25 @@ int __wrap_usleep(useconds_t nUs)
 
 int __wrap_poll(pollfd* pEntries, nfds_t nEntries, int nMs)
 {
-    const auto* pChannel = nEntries == 1 ? ChannelOf(pEntries->fd) : nullptr;
-    if (!pChannel)
+    const std::span entries(pEntries, nEntries);
+    const auto isPlayed = [](const pollfd& entry) { return ChannelOf(entry.fd) != nullptr; };
+    if (std::ranges::none_of(entries, isPlayed))
         return __real_poll(pEntries, nEntries, nMs);
-    const bool bIn = (pEntries->events & POLLIN) && g_pCurrent->IsReadable(*pChannel);
-    const bool bOut = pEntries->events & POLLOUT;
-    pEntries->revents = static_cast<short>((bIn ? POLLIN : 0) | (bOut ? POLLOUT : 0));
-    if (!bIn && !bOut)
-        g_pCurrent->Pass(nMs < 0 ? CScriptedWire::LONG_WAIT : std::chrono::milliseconds(nMs));
-    return bIn || bOut ? 1 : 0;
+    FUZZ_CHECK(std::ranges::all_of(entries, [&](const auto& e) { return e.fd == -1 || isPlayed(e); }));
+    return g_pCurrent->Poll(entries, nMs);
 }
 
 ssize_t __wrap_recv(int fd, void* pBuf, size_t nLen, int nFlags)
 {
     auto* pChannel = ChannelOf(fd);
-    if (!pChannel)
-        return __real_recv(fd, pBuf, nLen, nFlags);
-    if (!g_pCurrent->IsReadable(*pChannel) && !(nFlags & MSG_DONTWAIT))
-        g_pCurrent->Pass(CScriptedWire::LONG_WAIT);
-    return g_pCurrent->Receive(*pChannel, pBuf, nLen);
+    return pChannel ? g_pCurrent->Receive(*pChannel, pBuf, nLen, nFlags)
+                    : __real_recv(fd, pBuf, nLen, nFlags);
 }
 
 ssize_t __wrap_send(int fd, const void* pBuf, size_t nLen, int nFlags)
 {
     auto* pChannel = ChannelOf(fd);
+    FUZZ_CHECK(!pChannel || (nFlags & MSG_DONTWAIT && nFlags & MSG_NOSIGNAL));
     return pChannel ? g_pCurrent->Send(*pChannel, pBuf, nLen) : __real_send(fd, pBuf, nLen, nFlags);
 }
 }
@@ -139,9 +134,9 @@ CScriptedWire::SChannel* CScriptedWire::Find(int fd)
     return it != m_channels.end() ? &it->second : nullptr;
 }
 
-void CScriptedWire::Reply(std::span<const BYTE> bytes)
+void CScriptedWire::Reply(std::span<const BYTE> bytes, bool bClose)
 {
-    m_replies.emplace_back(bytes.begin(), bytes.end());
+    m_replies.push_back({{bytes.begin(), bytes.end()}, bClose});
 }
 
 void CScriptedWire::Connect(int fd, const sockaddr_in& addr)
@@ -155,16 +150,22 @@ size_t CScriptedWire::Piece(size_t nLen, size_t nHave) const
     return std::min({nLen, nHave, m_nPiece > 0 ? m_nPiece : nLen});
 }
 
-ssize_t CScriptedWire::Receive(SChannel& channel, void* pBuf, size_t nLen) const
+ssize_t CScriptedWire::Receive(SChannel& channel, void* pBuf, size_t nLen, int nFlags)
 {
-    if (channel.incoming.empty()) {
+    FUZZ_CHECK(nFlags & MSG_DONTWAIT);
+    if (!HasBytes(channel)) {
         errno = EAGAIN;
-        return m_eEnd == EEnd::Closed ? 0 : -1;
+        return HasEnded(channel) ? 0 : -1;
     }
-    const auto nGot = static_cast<std::ptrdiff_t>(Piece(nLen, channel.incoming.size()));
-    std::copy_n(channel.incoming.begin(), nGot, static_cast<BYTE*>(pBuf));
-    channel.incoming.erase(channel.incoming.begin(), channel.incoming.begin() + nGot);
-    return nGot;
+    const size_t nGot = Piece(nLen, channel.incoming.size());
+    const auto end = channel.incoming.begin() + static_cast<std::ptrdiff_t>(nGot);
+    std::copy(channel.incoming.begin(), end, static_cast<BYTE*>(pBuf));
+    if (nFlags & MSG_PEEK)
+        return static_cast<ssize_t>(nGot);
+    channel.incoming.erase(channel.incoming.begin(), end);
+    channel.received.push_back(nGot);
+    channel.next = m_now + channel.pause;
+    return static_cast<ssize_t>(nGot);
 }
 
 ssize_t CScriptedWire::Send(SChannel& channel, const void* pBuf, size_t nLen)
@@ -173,12 +174,46 @@ ssize_t CScriptedWire::Send(SChannel& channel, const void* pBuf, size_t nLen)
     channel.sent.insert(channel.sent.end(), pFrom, pFrom + nLen);
     if (m_nReplied < m_replies.size()) {
         const auto& reply = m_replies[m_nReplied++];
-        channel.incoming.insert(channel.incoming.end(), reply.begin(), reply.end());
+        channel.incoming.insert(channel.incoming.end(), reply.bytes.begin(), reply.bytes.end());
+        channel.bClosed |= reply.bClose;
     }
     return static_cast<ssize_t>(nLen);
 }
 
-bool CScriptedWire::IsReadable(const SChannel& channel) const
+/// True once the end of the stream is all that is left to receive or, with all bytes here, is known of.
+bool CScriptedWire::HasEnded(const SChannel& channel) const
 {
-    return !channel.incoming.empty() || m_eEnd == EEnd::Closed;
+    const bool bClosed = channel.bClosed || (m_eEnd == EEnd::Closed && m_nReplied == m_replies.size());
+    return bClosed && (channel.incoming.empty() || channel.pause == Clock::duration(0));
+}
+
+int CScriptedWire::Ready(std::span<pollfd> entries)
+{
+    int nReady = 0;
+    for (pollfd& entry : entries) {
+        entry.revents = 0;
+        const auto* pChannel = Find(entry.fd);
+        if (!pChannel)
+            continue;
+        const bool bEnded = HasEnded(*pChannel);
+        const int nEvents = (bEnded || HasBytes(*pChannel) ? POLLIN : 0) | (bEnded ? POLLRDHUP : 0) | POLLOUT;
+        entry.revents = static_cast<short>(entry.events & nEvents);
+        nReady += entry.revents != 0;
+    }
+    return nReady;
+}
+
+/// A wait ends when the next bytes are there or its time is up, whichever is first.
+int CScriptedWire::Poll(std::span<pollfd> entries, int nMs)
+{
+    if (const int nReady = Ready(entries); nReady > 0)
+        return nReady;
+    auto until = m_now + (nMs < 0 ? LONG_WAIT : std::chrono::milliseconds(nMs));
+    for (const pollfd& entry : entries) {
+        const auto* pChannel = Find(entry.fd);
+        if (pChannel && (entry.events & POLLIN) && !pChannel->incoming.empty())
+            until = std::min(until, pChannel->next);
+    }
+    m_now = until;
+    return Ready(entries);
 }

@@ -1,7 +1,8 @@
 // A server without a socket: what the code under test receives and sends is played here instead of by the
 // kernel (the targets are linked with --wrap for these calls). So every input gives the same pieces each
 // time, no run waits for a time-out, and a fuzzer gets through thousands of dialogues a second. The steady
-// clock is played as well: it goes on by what is waited for.
+// clock is played as well: it goes on by what is waited for. No receive or send waits in the call itself:
+// all that the code under test makes must leave the waiting to poll().
 //
 // One script plays at a time, on one thread; it plays every descriptor that is connected while it lives.
 #pragma once
@@ -11,6 +12,7 @@
 #include <chrono>
 #include <map>
 #include <netinet/in.h>
+#include <poll.h>
 #include <span>
 #include <vector>
 
@@ -33,19 +35,25 @@ private:
 class CScriptedWire
 {
 public:
-    /// What a descriptor without another byte does.
+    using Clock = std::chrono::steady_clock;
+
+    /// What a connection does once the last reply has been given.
     enum class EEnd
     {
-        Silence, // receives end by their time-out
-        Closed,  // receives give 0
+        Silence, // nothing
+        Closed,  // the peer ends it behind what it has sent
     };
     struct SChannel
     {
         std::vector<BYTE> incoming; // not received yet
         std::vector<BYTE> sent;
+        std::vector<size_t> received; // the size of each receive
+        bool bClosed = false;         // the peer has ended the stream behind the bytes that are incoming
+        Clock::duration pause{0};     // between one receive and the bytes of the next
+        Clock::time_point next;       // when these are there
     };
 
-    /// How long a wait takes that ends for nothing, if its call does not say.
+    /// How long a wait takes that has no end of its own.
     static constexpr std::chrono::nanoseconds LONG_WAIT = std::chrono::minutes(1);
 
     /// Receives give nPiece bytes at most; 0: as many as are asked for.
@@ -54,13 +62,14 @@ public:
     CScriptedWire(const CScriptedWire&) = delete;
     CScriptedWire& operator=(const CScriptedWire&) = delete;
 
-    /// What comes in after the next send that has no reply yet. A send beyond the replies gets none.
-    void Reply(std::span<const BYTE> bytes);
+    /// What comes in after the next send that has no reply yet, and whether the peer then ends that
+    /// connection. A send beyond the replies gets none.
+    void Reply(std::span<const BYTE> bytes, bool bClose = false);
     /// Plays a descriptor that nobody connects.
     SChannel& Open(int fd) { return m_channels[fd] = {}; }
     SChannel* Find(int fd);
-    /// From now on, what a descriptor without another byte does is to be closed.
-    void End() noexcept { m_eEnd = EEnd::Closed; }
+    /// The peer ends every connection behind the last of the replies.
+    void EndBehindReplies() noexcept { m_eEnd = EEnd::Closed; }
     const std::vector<sockaddr_in>& Connected() const { return m_connected; }
     /// What a receive of nLen bytes would give of these.
     size_t Piece(size_t nLen, size_t nHave) const;
@@ -68,18 +77,31 @@ public:
     // The calls.
 
     void Connect(int fd, const sockaddr_in& addr);
-    ssize_t Receive(SChannel& channel, void* pBuf, size_t nLen) const;
+    ssize_t Receive(SChannel& channel, void* pBuf, size_t nLen, int nFlags);
     ssize_t Send(SChannel& channel, const void* pBuf, size_t nLen);
-    bool IsReadable(const SChannel& channel) const;
-    std::chrono::steady_clock::time_point Now() const noexcept { return m_now; }
+    int Poll(std::span<pollfd> entries, int nMs);
+    Clock::time_point Now() const noexcept { return m_now; }
     void Pass(std::chrono::nanoseconds time) noexcept { m_now += time; }
 
 private:
-    std::chrono::steady_clock::time_point m_now = std::chrono::steady_clock::now();
+    struct SReply
+    {
+        std::vector<BYTE> bytes;
+        bool bClose = false;
+    };
+
+    bool HasBytes(const SChannel& channel) const
+    {
+        return !channel.incoming.empty() && m_now >= channel.next;
+    }
+    bool HasEnded(const SChannel& channel) const;
+    int Ready(std::span<pollfd> entries);
+
+    Clock::time_point m_now = Clock::now();
     size_t m_nPiece;
     EEnd m_eEnd;
     std::map<int, SChannel> m_channels;
-    std::vector<std::vector<BYTE>> m_replies;
+    std::vector<SReply> m_replies;
     size_t m_nReplied = 0;
     std::vector<sockaddr_in> m_connected;
 };
