@@ -45,6 +45,8 @@ public:
         channel.pause = m_pause;
         CRecvBuffer buffer(CDBCoreTest::TIME_OUT_MS);
         for (;;) {
+            if (stream.empty() && !channel.bClosed)
+                break; // more may come at any time: that is awaited without an end
             channel.received.clear();
             const auto eReceived = m_core.Receive(buffer);
             if (eReceived == EReceived::None)

@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <optional>
 #include <poll.h>
 #include <sys/socket.h>
 #include <time.h>
@@ -208,12 +209,15 @@ int CScriptedWire::Poll(std::span<pollfd> entries, int nMs)
 {
     if (const int nReady = Ready(entries); nReady > 0)
         return nReady;
-    auto until = m_now + (nMs < 0 ? LONG_WAIT : std::chrono::milliseconds(nMs));
+    std::optional<Clock::time_point> until;
+    if (nMs >= 0)
+        until = m_now + std::chrono::milliseconds(nMs);
     for (const pollfd& entry : entries) {
         const auto* pChannel = Find(entry.fd);
         if (pChannel && (entry.events & POLLIN) && !pChannel->incoming.empty())
-            until = std::min(until, pChannel->next);
+            until = until ? std::min(*until, pChannel->next) : pChannel->next;
     }
-    m_now = until;
+    FUZZ_CHECK(until); // nothing would ever end this wait
+    m_now = *until;
     return Ready(entries);
 }

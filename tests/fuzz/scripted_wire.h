@@ -2,7 +2,8 @@
 // kernel (the targets are linked with --wrap for these calls). So every input gives the same pieces each
 // time, no run waits for a time-out, and a fuzzer gets through thousands of dialogues a second. The steady
 // clock is played as well: it goes on by what is waited for. No receive or send waits in the call itself:
-// all that the code under test makes must leave the waiting to poll().
+// all that the code under test makes must leave the waiting to poll(), and a wait that nothing would end
+// ends the process.
 //
 // One script plays at a time, on one thread; it plays every descriptor that is connected while it lives.
 #pragma once
@@ -52,9 +53,6 @@ public:
         Clock::duration pause{0};     // between one receive and the bytes of the next
         Clock::time_point next;       // when these are there
     };
-
-    /// How long a wait takes that has no end of its own.
-    static constexpr std::chrono::nanoseconds LONG_WAIT = std::chrono::minutes(1);
 
     /// Receives give nPiece bytes at most; 0: as many as are asked for.
     CScriptedWire(size_t nPiece, EEnd eEnd);
