@@ -237,6 +237,7 @@ private:
     SStep m_login;
     size_t m_nAlarms = 0;
     size_t m_nTexts = 0;
+    bool m_bLoginIsLast = false; // of the replies that a connection needs
     bool m_bAlarmsKnown = true;
     bool m_bAlarmsFail = false;
     bool m_bKnown = false;                  // every step says for sure what must come of it
@@ -275,8 +276,9 @@ void CSession::TakeHandshake()
     m_bKnown = open.eStep == EStep::Good && reg.eStep == EStep::Good && m_login.eStep == EStep::Good;
     m_bMustFail = open.reply.empty() || open.reply[0] != '7' || !IsRegistered(reg.reply) ||
                   m_login.reply.size() < LOGIN_SIZE || m_login.reply[0] != '9';
-    if (bCurrent && m_bKnown)
-        m_directoryToLoad = m_copy; // it is not asked for
+    m_bLoginIsLast = bCurrent && m_bKnown; // the directory is not asked for
+    if (m_bLoginIsLast)
+        m_directoryToLoad = m_copy;
     else
         TakeDownload();
 }
@@ -401,8 +403,10 @@ void CSession::Play()
     const bool bAlarms = m_nFlags & 8;
     if (bAlarms)
         SayAlarms();
-    if (m_nControl & 0x80)
+    if (m_nControl & 0x80) {
         m_wire.EndBehindReplies();
+        m_bMustFail |= m_bLoginIsLast && !bAlarms; // it has ended before the connection is complete
+    }
     CDBCore core;
     const EConnect eResult = core._Connect(CString(m_strHost), "user", "password");
     FUZZ_CHECK(eResult != EConnect::Connected || !m_bMustFail);

@@ -298,6 +298,7 @@ SEEDS: dict[str, list[bytes]] = {
         CLOSED + bytes([NO_COPY]) + drivers(1, 1) + GOOD * 3 + b"\0" + cut(45),
         CLOSED + bytes([NO_COPY]) + drivers(1, 1) + GOOD * 3 + b"\0" + GOOD,
         CLOSED + bytes([ALARM_CALLS]) + drivers(2) + GOOD * 3 + b"\0" + GOOD + b"\x05\x03" + GOOD * 3,
+        CLOSED + bytes([CURRENT]) + drivers(5, 6) + drivers() + GOOD * 3,
         UNCUT + bytes([REQUESTS_END]) + drivers(2) + GOOD * 3 + b"\0" + GOOD + segment(change(0, b"\1\0")),
     ],
     # How it begins (nothing, open, open at a relay centre, register), size of pieces, what the client sends.
