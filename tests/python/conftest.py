@@ -190,9 +190,11 @@ def run_alone(
 
     through: a command that starts the process; environment: what differs from this process's own.
     """
+    # From 3.12 on the interpreter warns of every fork beside threads; what forks here does so to show that it works.
+    quiet = ("-W", "ignore:This process (pid=:DeprecationWarning")
     watchdog = f"import faulthandler; faulthandler.dump_traceback_later({timeout}, exit=True)\n"
     done = subprocess.run(
-        [*through, sys.executable, "-X", "faulthandler", "-c", watchdog + script, *arguments],
+        [*through, sys.executable, *quiet, "-X", "faulthandler", "-c", watchdog + script, *arguments],
         env={**os.environ, "PYTHONPATH": os.pathsep.join(path for path in sys.path if path), **(environment or {})},
         capture_output=True,
         text=True,
