@@ -142,7 +142,7 @@ def test_a_sudo_that_needs_no_password_installs(machine_without_packages: Path) 
     fake(folder, "sudo", '[ "$1" != -n ] || shift', 'exec "$@"')
     done = run_as_user(folder, "bootstrap")
     assert (done.returncode, done.stderr.splitlines()[-1]) == (1, "bootstrap: apt-get failed")
-    assert "Installing Debian packages: git g++" in done.stdout
+    assert "Installing Debian packages: git g++ make" in done.stdout
     assert (folder / "installed").exists()
 
 
