@@ -31,10 +31,7 @@ constexpr UINT MIN_ACK_SIZE = 1 + sizeof(SNAckRegReq);
 class CLimitScope
 {
 public:
-    CLimitScope(CSyncSocket& sock, long nMs) : m_sock(sock)
-    {
-        m_sock.SetLimit(CSyncSocket::Clock::now() + std::chrono::milliseconds(nMs));
-    }
+    CLimitScope(CSyncSocket& sock, long nTimeOut) : m_sock(sock) { m_sock.SetLimit(nTimeOut, 2); }
     ~CLimitScope() { m_sock.SetLimit(std::nullopt); }
     CLimitScope(const CLimitScope&) = delete;
     CLimitScope& operator=(const CLimitScope&) = delete;
@@ -243,7 +240,7 @@ int CClientSock::SendOpen(const SServerAddr& addr, const _GUID& guid, Reply& rep
 {
     if (!OpenSocket(m_reqSock, addr))
         return 0;
-    const CLimitScope limit(m_reqSock, 2 * addr.nTimeOut);
+    const CLimitScope limit(m_reqSock, addr.nTimeOut);
     std::array<BYTE, SNRegReq::BUFFER_SIZE> record{};
     CWireWriter writer(record);
     PutGuid(writer, guid);
@@ -276,7 +273,7 @@ int CClientSock::SendRegister(const _GUID& guid, bool bAccessDB, Reply& reply, U
     writer.PutText(LocalHostName());
     writer.Put(static_cast<BYTE>(bAccessDB));
     writer.Put(BYTE{1});
-    const CLimitScope limit(m_rcvSock, 2 * m_rcvSock.KeptRecvTimeOut());
+    const CLimitScope limit(m_rcvSock, m_rcvSock.KeptRecvTimeOut());
     if (!SendScrambled(m_rcvSock, CMD_REGISTER, std::span(record).first(writer.Length())))
         return CONNECT_FAILED;
     if (!RecvRegisterReply(reply, nPlain))
@@ -349,8 +346,7 @@ CExchange::CExchange(CClientSock& sock) : m_sock(sock), m_bMine(sock.BeginExchan
         static_cast<void>(req._Recv(tail.data(), nTail, MSG_DONTWAIT));
     }
     m_bOpen = req.IsQuiet();
-    if (const long nTimeOut = req.KeptRecvTimeOut(); nTimeOut > 0)
-        req.SetLimit(CSyncSocket::Clock::now() + 2 * std::chrono::milliseconds(nTimeOut));
+    req.SetLimit(req.KeptRecvTimeOut(), 2);
 }
 
 CExchange::~CExchange()

@@ -337,6 +337,14 @@ void CSyncSocket::SetLimit(std::optional<Clock::time_point> until) noexcept
     m_nLimit = until ? until->time_since_epoch().count() : NO_LIMIT;
 }
 
+void CSyncSocket::SetLimit(long nMs, int nTimes) noexcept
+{
+    if (nMs > 0 && nMs < LONGEST_MS)
+        SetLimit(Clock::now() + nTimes * std::chrono::milliseconds(nMs));
+    else
+        SetLimit(std::nullopt);
+}
+
 void CSyncSocket::CloseForked() noexcept RK_NO_THREAD_SAFETY
 {
     if (!m_hSocket)

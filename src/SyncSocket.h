@@ -104,6 +104,8 @@ public:
     /// No send or receive lasts beyond this moment, whatever its time-out; one that begins later fails even
     /// if there is something to receive. Nothing: no such moment.
     void SetLimit(std::optional<Clock::time_point> until) noexcept;
+    /// The same for nTimes nMs from now; nothing for 0 ms and for more than the clock can hold.
+    void SetLimit(long nMs, int nTimes) noexcept;
     void SetConnectTimeOut(long nMs) noexcept { m_nConnectTimeOut = nMs; }
     /// True once a blocking transfer on the current socket has ended by its time-out: the peer may still
     /// answer what was asked, so the stream can no longer be trusted.

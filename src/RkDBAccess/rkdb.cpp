@@ -46,8 +46,12 @@ private:
     }
     static bool GoOn()
     {
-        const bool bQuiet = WhilePythonLives([] { return PyErr_CheckSignals(); }) == 0;
-        return bQuiet && !Current()->m_fork.IsForked();
+        // Once it has to end it has to: the exception is pending, and a further wait would see no signal.
+        CScriptCall& call = *Current();
+        if (!call.m_bEnds)
+            call.m_bEnds =
+                WhilePythonLives([] { return PyErr_CheckSignals(); }) != 0 || call.m_fork.IsForked();
+        return !call.m_bEnds;
     }
     static void Yield()
     {
@@ -57,6 +61,7 @@ private:
     }
 
     const CForkMark m_fork;
+    bool m_bEnds = false;
     const CWaitHookScope m_scope;
     CScriptCall* const m_pBefore;
 };
