@@ -109,7 +109,8 @@ class Line:
             return
         self._ended.add(direction)
         if kind == "reset":
-            set_reset(streams[1].get_extra_info("socket"))
+            with contextlib.suppress(OSError):  # the client may have closed it in this moment
+                set_reset(streams[1].get_extra_info("socket"))
             streams[1].transport.abort()
         else:
             with contextlib.suppress(OSError):
