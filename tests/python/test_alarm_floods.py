@@ -18,7 +18,7 @@ numbers = []
 def on_alarm(*alarm):
     numbers.append(alarm[7])
     if len(numbers) == 1:
-        until(lambda: boiler.GetTagValue("A") == 1, 60)
+        until(lambda: boiler.GetTagValue("A") == 1, 200)
 
 assert boiler.ConnectTag("A") == 1
 reported = []
@@ -45,7 +45,7 @@ def flooded(play: Play, project: str, warnings: str, script: str) -> None:
         w.streaming(alarms) + push(w.change(5, wire.VT_I4, 1)),
         go("go1") + later,
     )
-    passes_alone(HEAD + REGISTERS_IN_A_FLOOD + script, peer.host, warnings)
+    passes_alone(HEAD + REGISTERS_IN_A_FLOOD + script, peer.host, warnings, timeout=400)
     peer.finish()
 
 
