@@ -13,7 +13,7 @@ namespace {
 
 constexpr auto YIELD_STEP = std::chrono::milliseconds(1);
 constexpr auto EXIT_STEP = std::chrono::milliseconds(1);
-constexpr int EXIT_STEPS = 2000;
+constexpr auto EXIT_WAIT = std::chrono::seconds(2);
 
 /// The object itself where it can be used: not null, and not the copy of a live one that a fork made.
 CDBDriver* Usable(CDBDriver* p) noexcept
@@ -165,8 +165,9 @@ void DBEndAll()
         return 0;
     });
     // A thread that awaits the interpreter lock now must have it and be gone before the interpreter ends.
-    for (auto nLeft = EXIT_STEPS; nLeft > 0 && CDBCore::CountThreads() > 0 && !PyErr_CheckSignals();
-         --nLeft) {
+    // A busy callback gives the lock back late each time, so the clock counts and not the steps.
+    const auto end = std::chrono::steady_clock::now() + EXIT_WAIT;
+    while (CDBCore::CountThreads() > 0 && std::chrono::steady_clock::now() < end && !PyErr_CheckSignals()) {
         PyThreadState* pState = PyEval_SaveThread();
         std::this_thread::sleep_for(EXIT_STEP);
         PyEval_RestoreThread(pState);
