@@ -120,10 +120,11 @@ def late(data: bytes) -> Steps:
 
 
 def trickling(data: bytes, name: str = "req") -> Steps:
-    """A reply of which a byte comes every three seconds, for as long as the client takes it."""
+    """A reply of which a byte comes every five seconds: the fifth after more than twice the time-out."""
+    assert len(data) >= 5
     steps: Steps = []
-    for number in range(min(len(data), 9)):
-        steps += d.send_anyway(name, data[number : number + 1]) + d.pause(3)
+    for number in range(5):
+        steps += d.send_anyway(name, data[number : number + 1]) + d.pause(5)
     return steps
 
 
