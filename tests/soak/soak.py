@@ -106,9 +106,11 @@ class Judge:
         return key
 
     def _compare(self, who: str, attempt: int, server: Message, client: Message) -> None:
+        name = f"{who}, attempt {attempt} ({server['end']})"
+        if client["violated"]:
+            print(f"{name}: done was {'; '.join(server['notes'])}", file=sys.stderr, flush=True)
         if client["connect"] != 0 or client["violated"]:
             return
-        name = f"{who}, attempt {attempt} ({server['end']})"
         ended, fault = client["ended_at"], server["fault_at"]
         if ended is not None:
             self.ends[server["end"]] = self.ends.get(server["end"], 0) + 1

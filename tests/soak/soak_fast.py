@@ -122,6 +122,7 @@ class Fast(Attempt):
     def _begin(self) -> None:
         check = self.stream
         self.call("SetRtAlarmNotify", lambda: self.db.SetRtAlarmNotify(check.on_alarm, True))
+        self.check(DRIVER)
         self.boiler.SetTagNotify(check.on_change)
         if self.call("ConnectTag", lambda: self.boiler.ConnectTag(SUBSCRIBED)) != 1:
             self.failed(DRIVER, "ConnectTag")

@@ -14,7 +14,7 @@ from collections.abc import Callable
 
 from client import items
 from soak_client import Attempt, Counts, Over, Who, is_told_to_stop, settled_usage
-from soak_faults import DISORDER, LATE, LOST, WRONG, tell
+from soak_faults import DISORDER, LATE, LATE_END, LOST, WRONG, tell
 from soak_project import LIMIT, OTHER, PERIOD_MS, PLANT, RAMP_NAMES, READ_NAMES, TEXTS
 from soak_sender import padding
 
@@ -125,6 +125,7 @@ class Plant(Attempt):
         check = self.seen
         self._write(self.alarm, 0.0)
         self.call("SetRtAlarmNotify", lambda: self.db.SetRtAlarmNotify(check.on_alarm, True))
+        self.check(OTHER)
         self.plant.SetTagNotify(check.on_plant)
         self.own.SetTagNotify(check.on_own)
         if self.call("ConnectTag", lambda: self.plant.ConnectTag(",".join([*RAMP_NAMES, "Text"]))) != 1:
@@ -205,14 +206,21 @@ class Plant(Attempt):
         if not waiting or self.rng.random() < 0.7:
             return
         count = {name: len(self.seen.own[name]) for name in waiting}
-        deadline = time.monotonic() + LATE
+        # Changes come in the order of their making, so what was written stands before the next of every ramp.
+        behind = self._read(self.plant, READ_NAMES[:1])[0] + 1  # type: ignore[operator]
+        last, since = None, time.monotonic()
         while any(self.seen.own.values()):
             self.check(OTHER)
+            told = self.seen.last.get(RAMP_NAMES[0], 0)
+            if told > behind and any(self.seen.own.values()):
+                self.complain(LOST, f"writes did not come back before {told}: {count}", sum(count.values()))
             self._read_stored()
             time.sleep(0.02)
-            if time.monotonic() > deadline:
+            if told != last:
+                last, since = told, time.monotonic()
+            elif time.monotonic() > since + LATE:
                 self._read(self.own, [self.alarm])  # a request: the other connection may be the one that has ended
-                self.complain(LOST, f"writes did not come back: {count}", sum(count.values()))
+                self.complain(LATE_END, "nothing comes, and the connection stands")
 
 
 def main(who: Who, plant_start: float) -> None:

@@ -9,6 +9,7 @@ other until its standard input ends, and reports each attempt (soak_faults.py).
 from __future__ import annotations
 
 import contextlib
+import os
 import select
 import socket
 import struct
@@ -185,7 +186,9 @@ class Conversation:
             return
         if hard:
             set_reset(connection)
-            socket.close(connection.detach())  # the other thread may be inside: its next call fails
+            # The number stays taken, by a socket without a peer: the other thread may be about to use it.
+            with socket.socket() as idle:
+                os.dup2(idle.fileno(), connection.fileno(), inheritable=False)
         else:
             connection.shutdown(socket.SHUT_WR)
 
@@ -215,7 +218,7 @@ class Conversation:
 
     def _reply(self, data: bytes, starts: bool = False) -> None:
         """A reply in a manner that the dice choose."""
-        rng, number = self._rng, self._replies
+        rng, number, started = self._rng, self._replies, time.monotonic()
         self._replies += 1
         at = rng.randrange(len(data))
         if starts and self.plan.end in START_ENDS and number == self.plan.start_reply:
@@ -223,8 +226,7 @@ class Conversation:
         if not starts and self.plan.end in REPLY_ENDS and time.monotonic() - self._started > self.plan.reply_after:
             self._last_reply(data, at)
         manner = rng.random()
-        if manner >= 0.75:
-            self.report.note(f"reply of {len(data)} bytes in pieces, {data[:1]!r}")
+        self.report.note(f"reply of {len(data)} bytes{' in pieces' if manner >= 0.75 else ''}, {data[:1]!r}")
         if manner < 0.75:
             self._send("ask", data)
         elif manner < (0.95 if starts else 0.985):
@@ -235,6 +237,7 @@ class Conversation:
             self._send("ask", data[:at])
             self._sleep(short_pause(rng))
             self._send("ask", data[at:])
+        self.report.pause(time.monotonic() - started)  # the whole of a reply is bounded too
 
     def _last_reply(self, data: bytes, at: int) -> None:
         """A reply that ends the connection; what of it comes too late still comes."""

@@ -87,13 +87,12 @@ class Unit:
         parts = []
         while start < end:
             number, at = divmod(start, self.size)
-            whole = self.data[at : at + end - start]
-            parts.append(whole)
-            start += len(whole)
-            if len(whole) == len(self.data) - at and start < end:
-                tail = w.change(UNIT, wire.VT_UI4, number)[start - number * self.size - len(self.data) :]
-                parts.append(tail[: end - start])
-                start += len(parts[-1])
+            if at < len(self.data):
+                parts.append(self.data[at : at + end - start])
+            else:
+                at -= len(self.data)
+                parts.append(w.change(UNIT, wire.VT_UI4, number)[at : at + end - start])
+            start += len(parts[-1])
         return b"".join(parts)
 
     def count_at(self, size: int) -> int:
