@@ -210,7 +210,7 @@ RESIDENT_LIMIT = 4096 * 1024 if SANITIZED else 512 * 1024
 NOTHING_SET_ASIDE = {
     "ASAN_OPTIONS": os.environ.get("ASAN_OPTIONS", "") + ":quarantine_size_mb=0:thread_local_quarantine_size_kb=0",
 }
-if not SANITIZED:  # whose malloc is another, and whose start the setting held up for good
+if not SANITIZED:  # whose malloc is another
     NOTHING_SET_ASIDE["GLIBC_TUNABLES"] = "glibc.malloc.tcache_count=0"
 SMALLEST_BLOCK = 32  # of malloc
 PILES_UP = """
@@ -223,6 +223,7 @@ from RkDBAccess import DBCore
 def count(what):
     return sum(1 for _ in Path(f"/proc/self/{what}").iterdir())
 
+TASKS = count("task") - 1  # without faulthandler's; the thread sanitizer has one of its own
 def round():
     core = DBCore()
     result = core.Connect(sys.argv[1], "operator", "secret")
@@ -235,7 +236,7 @@ faulthandler.cancel_dump_traceback_later()  # a thread of its own, which is not 
 def rest():
     # A receive thread may be on its last instructions when the object that it served is gone.
     deadline = time.monotonic() + 60
-    while count("task") > 1 and time.monotonic() < deadline:
+    while count("task") > TASKS and time.monotonic() < deadline:
         time.sleep(0.01)
     return count("fd"), count("task")
 
