@@ -65,6 +65,7 @@ public:
         long nMs = 0;
         if (!sock.GetRecvTimeOut(nMs) || nMs <= 0)
             nMs = DEFAULT_PERIOD;
+        nMs = std::min(nMs, CSyncSocket::LONGEST_MS);
         m_period = std::chrono::milliseconds(nMs);
         Begin();
     }

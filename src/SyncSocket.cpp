@@ -21,8 +21,6 @@ using Clock = CSyncSocket::Clock;
 
 /// poll() takes this for: no time-out.
 constexpr int POLL_NEVER = -1;
-/// A time-out beyond this is none: adding it to the clock must not overflow.
-constexpr long LONGEST_MS = 1L << 40;
 
 /// The moment by which a call has to end. Made once a call, so that signals do not stretch it.
 class CDeadline
@@ -31,7 +29,7 @@ public:
     explicit CDeadline(long nMs, Clock::rep nLimit = Clock::time_point::max().time_since_epoch().count())
         : m_end(Clock::duration(nLimit))
     {
-        if (nMs > 0 && nMs < LONGEST_MS)
+        if (nMs > 0 && nMs < CSyncSocket::LONGEST_MS)
             m_end = std::min(m_end, Clock::now() + std::chrono::milliseconds(nMs));
     }
 

@@ -46,6 +46,8 @@ class CSyncSocket
 {
 public:
     using Clock = std::chrono::steady_clock;
+    /// A time-out beyond this is none: adding it to the clock must not overflow.
+    static constexpr long LONGEST_MS = 1L << 40;
 
     static constexpr int RECV_EXPIRED = -3; // RecvTimeOut: nothing came in time (0: peer closed, -1: error)
     // A peer that has been silent is probed after a while, and taken for gone after so many probes: 90 s in

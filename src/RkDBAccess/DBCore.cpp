@@ -78,15 +78,20 @@ EConnect CDBCore::_Connect(const CString& strHost, LPCSTR szUserName, LPCSTR szP
         return EConnect::Failed; // the old receive thread would take the new connection for its own
     struct SConnecting
     {
-        bool& bFlag;
-        ~SConnecting() { bFlag = false; }
+        CDBCore& core;
+        EConnect eResult = EConnect::Failed;
+        ~SConnecting()
+        {
+            if (eResult != EConnect::Connected)
+                core.StopSock();
+            core.m_bConnecting = false;
+        }
     };
     m_bConnecting = true;
-    const SConnecting connecting{m_bConnecting};
-    const EConnect eResult = g_bAllEnded ? EConnect::Failed : OpenConnection(strHost, szUserName, szPassword);
-    if (eResult != EConnect::Connected)
-        StopSock();
-    return eResult;
+    SConnecting connecting{*this};
+    if (!g_bAllEnded)
+        connecting.eResult = OpenConnection(strHost, szUserName, szPassword);
+    return connecting.eResult;
 }
 
 void CDBCore::EndConnection()

@@ -146,7 +146,7 @@ private:
     bool AttachReceiver(const std::shared_ptr<const SAlarmReceiver>& pReceiver, size_t& nSkipped);
     EWalk WalkReceive(CRecvBuffer& buffer, CPyThread& python);
     bool Receive(CRecvBuffer& buffer);
-    bool AwaitReceive();
+    bool AwaitReceive(long nMs);
     void AwaitFirstValue(CDBDriver& driver, WORD nTag, CPyThread* pPython);
     bool LoseConnection();
     bool ReadActiveAlarms(std::vector<S2RtAlarm2>& alarms);

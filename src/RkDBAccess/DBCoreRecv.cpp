@@ -78,15 +78,16 @@ void CDBCore::DoRecv()
 bool CDBCore::Receive(CRecvBuffer& buffer)
 {
     int nGot = buffer.Fill(m_rcvSock, MSG_DONTWAIT);
-    while (nGot < 0 && AwaitReceive())
+    while (nGot < 0 && AwaitReceive(0))
         nGot = buffer.Fill(m_rcvSock, MSG_DONTWAIT);
     return nGot > 0;
 }
 
-bool CDBCore::AwaitReceive()
+/// Until bytes are there. False when there are none within nMs (0: any time), or when a connection has ended.
+bool CDBCore::AwaitReceive(long nMs)
 {
     using EWake = CSyncSocket::EWake;
-    EWake eWake = m_rcvSock.WaitRecv(&m_reqSock, 0);
+    EWake eWake = m_rcvSock.WaitRecv(&m_reqSock, nMs);
     // The request connection has ended, but a request may still read the reply in front of that end. It ends
     // both connections itself if it finds no whole one.
     while (eWake == EWake::OtherEnded && m_bConnect && IsExchanging()) {
@@ -117,12 +118,17 @@ CDBCore::EWalk CDBCore::WalkReceive(CRecvBuffer& buffer, CPyThread& python)
                 return EWalk::Gone;
             if (nLen == NOTIFY_CUT)
                 break;
+            // What cannot be told apart is dropped with the rest of its receive. The next one begins with a
+            // notification only if this one did not end for want of room.
+            if (nLen == NOTIFY_STOP)
+                return buffer.WasFilled() ? EWalk::Lost : EWalk::Walked;
             buffer.Skip(static_cast<size_t>(nLen));
         }
         if (buffer.IsWalked())
             return EWalk::Walked;
         python.EndTurn(); // the network is awaited without the interpreter lock
-        if (!m_bConnect || !buffer.More(m_rcvSock))
+        const auto await = [this](long nMs) { return AwaitReceive(nMs); };
+        if (!m_bConnect || !buffer.More(m_rcvSock, await))
             return EWalk::Lost;
     }
 }
@@ -137,7 +143,7 @@ int CDBCore::OnDBNotify(std::span<const BYTE> bytes, CPyThread* pPython)
         return OnDriverNotify(nWord, bytes, pPython);
     const int nLen =
         SysNotifyLength(bytes, [this](WORD nDriver, WORD nTag) { return HasTag(nDriver, nTag); });
-    if (nLen <= 0 || nLen == NOTIFY_STOP)
+    if (nLen <= 0)
         return nLen;
     const BYTE nSubType = bytes[2];
     if (nSubType != SYS_ALARM && nSubType != SYS_ALARM_EVENT)

@@ -37,8 +37,7 @@ struct CTagCallback : CPyCallback
     std::vector<CPyName> tags; // by position
 };
 
-constexpr WORD NO_TAG = 0xFFFF;         // the position of a tag that does not exist
-constexpr int NOTIFY_NO_VALUE = 0xFFFF; // OnDBNotify: the payload cannot be decoded
+constexpr WORD NO_TAG = 0xFFFF; // the position of a tag that does not exist
 
 /// Results of SetTagValue.
 enum class EWrite : int
@@ -106,8 +105,8 @@ public:
     static PyObject* ValueToObj(const XVariant* pValue);
 
     /// Stores the change of one tag and tells the script. data holds what has come in behind the tag
-    /// position. Returns the bytes consumed, NOTIFY_NO_VALUE, or NOTIFY_CUT / NOTIFY_LEAVE of NotifyWalk.h.
-    /// Receive thread; pPython is null where no interpreter runs.
+    /// position. Returns the bytes consumed, or one of the NOTIFY_ values of NotifyWalk.h; NOTIFY_STOP for a
+    /// payload that cannot be decoded. Receive thread; pPython is null where no interpreter runs.
     int OnDBNotify(ULONG tagId, std::span<const BYTE> data, CPyThread* pPython);
     /// True while a subscription request is under way for a slot without a value: a change of it, which
     /// carries no type, cannot be decoded yet.

@@ -7,7 +7,7 @@
 int CDBDriver::OnDBNotify(ULONG tagId, std::span<const BYTE> data, CPyThread* pPython)
 {
     if (tagId >= m_tags.size())
-        return NOTIFY_NO_VALUE;
+        return NOTIFY_STOP;
     STag& tag = m_tags[tagId];
     XVariant value;
     std::shared_ptr<CTagCallback> pFn;
@@ -16,12 +16,12 @@ int CDBDriver::OnDBNotify(ULONG tagId, std::span<const BYTE> data, CPyThread* pP
         const CThreadGuard guard(m_lock);
         // The payload carries no type word: a tag that was never read has no length either.
         if (tag.value.vt == VT_EMPTY || tag.value.vt == VT_NULL)
-            return NOTIFY_NO_VALUE;
+            return NOTIFY_STOP;
         value.vt = tag.value.vt;
         const auto nDecoded = value.FromBytes(data, false);
         if (!nDecoded)
             return NOTIFY_CUT;
-        nUsed = *nDecoded > 0 ? static_cast<int>(*nDecoded) : NOTIFY_NO_VALUE;
+        nUsed = *nDecoded > 0 ? static_cast<int>(*nDecoded) : NOTIFY_STOP;
         tag.bPushed = true;
         pFn = *nDecoded > 0 && pPython ? m_tagNotifyFn : nullptr;
         if (!pFn) {

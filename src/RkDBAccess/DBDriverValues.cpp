@@ -16,6 +16,7 @@
 #include <array>
 #include <bit>
 #include <limits>
+#include <optional>
 
 namespace {
 
@@ -304,10 +305,12 @@ bool CDBDriver::_ConnectTag(const char* tags)
         writer.Put(pTag->id);
         writer.Put(BYTE{0});
     }
-    const CAwaiting awaiting(*this, wanted); // to the end of the exchange, which may end the connection
+    std::optional<CAwaiting> awaiting; // to the end of the exchange, which may end the connection
     CExchange exchange(*core);
-    if (!exchange.IsOpen() ||
-        !core->m_reqSock.SendAll(request.data(), static_cast<int>(writer.Length()), 0) ||
+    if (!exchange.IsOpen())
+        return false; // another call is under way, which may be the subscription of these very tags
+    awaiting.emplace(*this, wanted);
+    if (!core->m_reqSock.SendAll(request.data(), static_cast<int>(writer.Length()), 0) ||
         !ReadAdvised(*core, wanted))
         return false;
     exchange.Succeed();

@@ -28,8 +28,9 @@ public:
         return std::span(m_bytes).subspan(m_nPos, m_nEnd - m_nPos);
     }
     bool IsWalked() const noexcept { return m_nPos >= m_nEnd; }
-    /// nLen may lead beyond the end: that is the end.
     void Skip(size_t nLen) noexcept { m_nPos = std::min(m_nPos + nLen, m_nEnd); }
+    /// Whether the last bytes took all the room there was: then what they end in goes on in the next receive.
+    bool WasFilled() const noexcept { return m_nEnd == m_bytes.size(); }
 
     /// Begins a receive: what is left of the last one is dropped. Returns what the socket gave.
     int Fill(CSyncSocket& sock, int nFlags = 0)
@@ -44,7 +45,8 @@ public:
 
     /// Goes on with a receive that ends inside a notification. False when no byte comes in time, or when the
     /// notification is too long: where the next one begins is not known then.
-    bool More(CSyncSocket& sock)
+    /// fnAwait: waits for bytes, a number of milliseconds at most. False: there are none.
+    template <class F> bool More(CSyncSocket& sock, F&& fnAwait)
     {
         // What is longer than that and still not whole has a text, which ends with a NUL: it is not looked
         // through again for each piece.
@@ -52,7 +54,7 @@ public:
         for (;;) {
             if (!MakeRoom())
                 return false;
-            const int nGot = Receive(sock);
+            const int nGot = Receive(sock, fnAwait);
             if (nGot <= 0)
                 return false;
             const auto news = std::span(m_bytes).subspan(m_nEnd, static_cast<size_t>(nGot));
@@ -63,12 +65,14 @@ public:
     }
 
 private:
-    int Receive(CSyncSocket& sock)
+    template <class F> int Receive(CSyncSocket& sock, F&& fnAwait)
     {
         BYTE* pRest = m_bytes.data() + m_nEnd;
         const int nRoom = static_cast<int>(m_bytes.size() - m_nEnd);
-        const int nGot = sock._Recv(pRest, nRoom, MSG_DONTWAIT);
-        return nGot < 0 ? sock.RecvTimeOut(pRest, nRoom, m_nRestMs) : nGot;
+        int nGot = sock._Recv(pRest, nRoom, MSG_DONTWAIT);
+        while (nGot < 0 && fnAwait(m_nRestMs))
+            nGot = sock._Recv(pRest, nRoom, MSG_DONTWAIT);
+        return nGot;
     }
 
     bool MakeRoom()

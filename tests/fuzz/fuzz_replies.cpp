@@ -346,13 +346,13 @@ private:
     {
         const unsigned nType = nTag < TAGS ? LittleWord(m_expected[nTag]) : 0;
         if (nType <= 1) { // no such tag, or none with a value whose type would tell the length
-            FUZZ_CHECK(nLen == NOTIFY_NO_VALUE + 4);
+            FUZZ_CHECK(nLen == NOTIFY_STOP);
             return;
         }
         const auto decoded = DecodePayload(nType, payload);
         FUZZ_CHECK(nLen == (!decoded             ? NOTIFY_CUT
                             : decoded->nUsed > 0 ? static_cast<int>(decoded->nUsed) + 4
-                                                 : NOTIFY_NO_VALUE + 4));
+                                                 : NOTIFY_STOP));
         if (decoded)
             m_expected[nTag] = decoded->value;
     }

@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <array>
+#include <optional>
 
 namespace {
 
@@ -64,40 +65,57 @@ public:
 private:
     using EReceived = CDBCoreTest::EReceived;
 
-    /// The second reading of one receive, made of these pieces. False when it ends inside a notification.
+    enum class EWalk
+    {
+        Whole,
+        Cut,     // the bytes end inside a notification
+        Dropped, // what cannot begin one has ended the walk, with all the bytes there are
+    };
+
+    /// The second reading of one receive, made of these pieces. False when the stream ends with it: inside a
+    /// notification whose rest does not come, or at bytes that are dropped while more of them are to come.
     bool WalkAgain(std::span<const BYTE>& stream, const std::vector<size_t>& pieces)
     {
         FUZZ_CHECK(!pieces.empty() && pieces[0] == m_wire.Piece(RECEIVE_SIZE, stream.size()));
         size_t nHave = 0; // received
         size_t nDone = 0; // walked
-        bool bCut = true;
+        size_t nRoom = 0; // of the last piece
+        size_t nSize = RECEIVE_SIZE;
+        EWalk eWalk = EWalk::Cut;
         for (const size_t nPiece : pieces) {
-            FUZZ_CHECK(bCut); // nothing is received when nothing is missing
+            FUZZ_CHECK(eWalk == EWalk::Cut); // nothing is received when nothing is missing
+            nSize *= nHave - nDone == nSize ? 2 : 1;
+            nRoom = nSize - (nHave - nDone);
+            FUZZ_CHECK(nPiece <= nRoom);
             nHave += nPiece;
-            bCut = GoOn(stream.first(nHave), nDone);
+            eWalk = GoOn(stream.first(nHave), nDone);
         }
+        const bool bFilled = pieces.back() == nRoom;
         stream = stream.subspan(nHave);
         // The rest is awaited as long as there is one to come and the pause before it is not too long.
         const bool bRestComes = !stream.empty() && m_pause.count() <= CDBCoreTest::TIME_OUT_MS;
-        FUZZ_CHECK(!bCut || !bRestComes);
-        return !bCut;
+        FUZZ_CHECK(eWalk != EWalk::Cut || !bRestComes);
+        return eWalk == EWalk::Whole || (eWalk == EWalk::Dropped && !bFilled);
     }
 
-    /// Walks on behind nDone. True when the bytes end inside a notification; what cannot begin one ends the
-    /// walk with all of them.
-    bool GoOn(std::span<const BYTE> bytes, size_t& nDone)
+    /// Walks on behind nDone.
+    EWalk GoOn(std::span<const BYTE> bytes, size_t& nDone)
     {
         while (nDone < bytes.size()) {
-            const size_t nLen = LengthAt(bytes.subspan(nDone));
-            if (nLen == 0)
-                return true;
-            nDone += nLen;
+            const auto rest = bytes.subspan(nDone);
+            const std::optional<size_t> nLen = LengthAt(rest);
+            if (nLen == size_t{0})
+                return EWalk::Cut;
+            nDone += nLen.value_or(rest.size());
+            if (!nLen)
+                return EWalk::Dropped;
         }
-        return false;
+        return EWalk::Whole;
     }
 
-    /// The length of the notification at the front, and its value stored; 0 for a part of one.
-    size_t LengthAt(std::span<const BYTE> bytes)
+    /// The length of the notification at the front, and its value stored; 0 for a part of one, nothing for
+    /// what cannot be told apart.
+    std::optional<size_t> LengthAt(std::span<const BYTE> bytes)
     {
         if (bytes.size() < 2)
             return 0;
@@ -106,22 +124,22 @@ private:
                 return nDriver == 0 && nTag < TYPES.size();
             };
             const int nLen = SysNotifyLength(bytes, hasTag);
-            return nLen == NOTIFY_STOP ? bytes.size() : static_cast<size_t>(nLen);
+            return nLen == NOTIFY_STOP ? std::nullopt : std::optional(static_cast<size_t>(nLen));
         }
         if (LittleWord(bytes) != 0)
-            return bytes.size();
+            return std::nullopt;
         return bytes.size() < 4 ? 0 : Change(LittleWord(bytes.subspan(2)), bytes);
     }
 
-    size_t Change(unsigned nTag, std::span<const BYTE> bytes)
+    std::optional<size_t> Change(unsigned nTag, std::span<const BYTE> bytes)
     {
         if (nTag >= TYPES.size() || TYPES[nTag] == 0)
-            return bytes.size();
+            return std::nullopt;
         const auto decoded = DecodePayload(TYPES[nTag], bytes.subspan(4));
         if (!decoded)
             return 0;
         if (decoded->nUsed == 0)
-            return bytes.size();
+            return std::nullopt;
         m_expected[nTag] = decoded->value;
         return decoded->nUsed + 4;
     }

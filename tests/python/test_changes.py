@@ -383,6 +383,33 @@ def test_what_cannot_be_walked_past_ends_its_receive_and_no_more(play: Play, pro
     arrived(changes, [("Boiler", "T0", number) for number in range(len(UNWALKABLE))])
 
 
+@pytest.mark.parametrize("note", UNWALKABLE.values(), ids=UNWALKABLE)
+def test_what_cannot_be_walked_past_in_a_full_receive_ends_the_connection(
+    play: Play, project: str, note: bytes
+) -> None:
+    # The receive ends for want of room, inside a change: from there the next ones would be read as 83886080.
+    burst = push(change(0, I4, 1), note, *[change(0, I4, 1280)] * 700)
+    steps = d.connecting(project) + w.subscribing_kinds([I4]) + d.wait("watching") + burst
+    peer = play(steps + d.want_eof("req", "rcv"))
+    core = connect(peer.host)
+    boiler = core.GetDriver("Boiler")  # and not the other driver
+    changes: Changes = []
+    boiler.SetTagNotify(lambda *one: changes.append(one))
+    assert boiler.ConnectTag("T0") == 1
+    peer.go("watching")
+    peer.finish()
+    assert changes == [("Boiler", "T0", 1)]
+    with pytest.raises(SystemError):
+        core.GetDriver("Boiler")
+
+
+def test_a_type_without_a_payload_in_a_full_receive_ends_the_connection(serve: Serve) -> None:
+    rounds = [change(0, I4, number) + wire.driver_notification(A, 1, b"") for number in range(300)]
+    session, changes = watched(serve, push(*rounds), d.want_eof("req", "rcv"), kinds=(I4, wire.VT_CY))
+    has_ended(session)
+    assert changes == [("Boiler", "T0", 0)]
+
+
 def test_alarms_without_a_callback_are_walked_past(serve: Serve) -> None:
     alarms = [w.alarm_notification(Alarm(), kind) for kind in (1, 3)]
     _, changes = watched(serve, push(alarms[0], change(0, I4, 1), alarms[1], change(0, I4, 2)))

@@ -151,6 +151,35 @@ def test_a_handler_in_the_middle_of_a_request_cannot_make_another(serve: Serve) 
     assert read(session.boiler, "B") == 8
 
 
+@pytest.mark.parametrize("known", [True, False], ids=["of a type that is known", "of a type that the reply says"])
+def test_a_handler_that_subscribes_the_tags_under_way_leaves_their_subscription_alone(
+    serve: Serve, known: bool
+) -> None:
+    # The change overtakes the reply, whose value is older.
+    changed = w.push(w.change(5, wire.VT_I4, 3))
+    asked = d.want("req", w.advise_request([5]))
+    session = serve(
+        d.looking_up(["A"], [5]) + (d.reading_numbers([5], [1]) if known else []),
+        asked + (changed + d.pause(0.2) + RUNG + d.wait("heard") if known else RUNG + d.wait("heard") + changed),
+        d.pause(0.2) + d.send("req", w.advise_block([wire.typed(wire.VT_I4, 2)])),
+    )
+    told: list[object] = []
+    session.boiler.SetTagNotify(lambda *change: told.append(change[2]))
+    if known:
+        assert read(session.boiler, "A") == 1
+    nested: list[object] = []
+
+    def subscribe(*_: object) -> None:
+        nested.append(session.boiler.ConnectTag("A"))
+        session.peer.go("heard")
+
+    with on_alarm(subscribe):
+        assert session.boiler.ConnectTag("A") == 1
+    assert nested == [0]
+    assert settles(lambda: told == [3])
+    assert read(session.boiler, "A") == 3
+
+
 def test_a_handler_may_drop_the_client_in_the_middle_of_a_request(serve: Serve) -> None:
     session = serve(A_ASKED + RUNG)
     boiler = session.boiler

@@ -86,7 +86,7 @@ TEST_F(CoreWalk, EverySystemSubTypeHasItsLength)
 {
     for (unsigned nSubType = 0; nSubType < 256; ++nSubType) {
         const auto* pRow = std::ranges::find(SUB_TYPES, nSubType, &SSubType::nSubType);
-        const int nLen = pRow == std::end(SUB_TYPES) ? 65535 : static_cast<int>(pRow->nLen);
+        const int nLen = pRow == std::end(SUB_TYPES) ? NOTIFY_STOP : static_cast<int>(pRow->nLen);
         EXPECT_EQ(Notify(U16(0xFFFF) + U8(nSubType) + U8(0) * 60), nLen) << "sub-type " << nSubType;
     }
 }
@@ -161,14 +161,42 @@ TEST_F(CoreWalk, AnUnknownSubTypeDiscardsTheRestOfTheReceive)
         ExpectRestDropped(U16(0xFFFF) + U8(nSubType));
 }
 
+TEST_F(CoreWalk, WhatIsDroppedFromAFullReceiveEndsTheConnection)
+{
+    // Its last bytes are those of a change that goes on behind it: nobody knows where the next one begins.
+    const Bytes unknown = U16(0xFFFF) + U8(100);
+    for (const size_t nChanges : {255, 256, 700}) {
+        const Bytes stream = Change(0, 1, I4(11)) + unknown + Change(0, 1, I4(1280)) * nChanges;
+        m_rcv.Send(stream);
+        ASSERT_TRUE(WaitPending(Core().m_rcvSock, stream.size()));
+        EXPECT_EQ(WalkOnce(), stream.size() < CRecvBuffer::SIZE);
+        EXPECT_EQ(Read(*m_pA, "n"), "11");
+        Renew();
+    }
+}
+
+TEST_F(CoreWalk, WhatIsDroppedBehindALongTextIsDroppedToTheEnd)
+{
+    // More than 65,535 bytes behind it in one buffer: no number of bytes is far enough.
+    const Bytes text = Change(0, 2, Text(std::string(100'000, 'x')));
+    const Bytes dropped = U16(0xFFFF) + U8(100) + Change(0, 1, I4(1280)) * 9000;
+    const CPlay play([&] { m_rcv.Send(text + dropped); });
+    while (Read(*m_pA, "s").size() < 100'000) {
+        if (!WalkOnce())
+            break;
+    }
+    EXPECT_EQ(Read(*m_pA, "n"), "0");
+    Core().m_rcvSock.ShutDown(); // the far end may still be sending
+}
+
 TEST_F(CoreWalk, AnUnknownDriverDiscardsTheRestOfTheReceive)
 {
     AddDriver("C", 2, 5);
     ExpectRestDropped(Change(2, 0, I4(1))); // empty slot
     ExpectRestDropped(Change(3, 0, I4(1))); // beyond the table
     ExpectRestDropped(Change(0xFFFE, 0, I4(1)));
-    EXPECT_EQ(Notify(Change(2, 0, I4(1))), 65535);
-    EXPECT_EQ(Notify(Change(3, 0, I4(1))), 65535);
+    EXPECT_EQ(Notify(Change(2, 0, I4(1))), NOTIFY_STOP);
+    EXPECT_EQ(Notify(Change(3, 0, I4(1))), NOTIFY_STOP);
 }
 
 TEST_F(CoreWalk, APayloadThatCannotBeDecodedDiscardsTheRestOfTheReceive)
@@ -178,7 +206,7 @@ TEST_F(CoreWalk, APayloadThatCannotBeDecodedDiscardsTheRestOfTheReceive)
     ExpectRestDropped(Change(0, 5, I4(1))); // tag that was never read
     Subscribe(*m_pA, {{"big", 6, Typed(VT_UI8, {})}});
     ExpectRestDropped(Change(0, 6, U64(1))); // type without a payload
-    EXPECT_EQ(Notify(Change(0, 5, I4(1))), 65539);
+    EXPECT_EQ(Notify(Change(0, 5, I4(1))), NOTIFY_STOP);
 }
 
 TEST_F(CoreWalk, AnAlarmWithoutAReceiverIsSkipped)

@@ -353,9 +353,9 @@ TEST_F(DriverNotify, StoresTheValueAndTellsItsLength)
 
 TEST_F(DriverNotify, WhatCannotBeDecodedIsToldAndChangesNothing)
 {
-    EXPECT_EQ(Change1(8, U32(1)), NOTIFY_NO_VALUE) << "beyond the table";
-    EXPECT_EQ(Change1(0xFFFFFFFF, U32(1)), NOTIFY_NO_VALUE);
-    EXPECT_EQ(Change1(1, U32(1)), NOTIFY_NO_VALUE) << "never read";
+    EXPECT_EQ(Change1(8, U32(1)), NOTIFY_STOP) << "beyond the table";
+    EXPECT_EQ(Change1(0xFFFFFFFF, U32(1)), NOTIFY_STOP);
+    EXPECT_EQ(Change1(1, U32(1)), NOTIFY_STOP) << "never read";
     EXPECT_EQ(Change1(4, U8(0) * 3), NOTIFY_CUT);
     EXPECT_EQ(Change1(4, {}), NOTIFY_CUT);
     EXPECT_EQ(Change1(5, Raw("no end")), NOTIFY_CUT);
@@ -372,14 +372,14 @@ TEST_F(DriverNotify, ATypeWithoutAPayloadKeepsItsTypeWithAZeroValue)
         m_pA->CheckTagId("a", out);
         out.at(0)->value.vt = vt;
         out.at(0)->value.llVal = 5;
-        EXPECT_EQ(Change1(1, U64(1)), NOTIFY_NO_VALUE);
+        EXPECT_EQ(Change1(1, U64(1)), NOTIFY_STOP);
         EXPECT_EQ(out.at(0)->value.vt, vt);
         EXPECT_EQ(out.at(0)->value.llVal, 0);
     }
     CDBDriver::TagSlots out;
     m_pA->CheckTagId("a", out);
     out.at(0)->value.vt = VT_NULL;
-    EXPECT_EQ(Change1(1, U32(1)), NOTIFY_NO_VALUE);
+    EXPECT_EQ(Change1(1, U32(1)), NOTIFY_STOP);
 }
 
 TEST_F(DriverNotify, TheScriptIsToldDriverTagAndValue)
