@@ -77,7 +77,8 @@ class DBCore:
                 could not be made or is not to be trusted, or the driver directory could not be fetched and kept;
             -3  the server answered something that is no part of this protocol, or named no usable project.
 
-        Takes at most the time-out (8 s direct, 13 s relayed) for each answer it waits for. Called again on a
+        Takes at most twice the time-out (8 s direct, 13 s relayed) for each answer it waits for, and for a download as
+        long as 4 KiB come in each time-out. Called again on a
         connected object it first ends the connection, then connects anew.
         """
 
@@ -137,7 +138,7 @@ class Driver:
 
         fn: called in the receive thread with (driver name, tag name, value): two `str` and the new value as
             `GetTagValue` would give it. Called for tags that `ConnectTag` subscribed or the server otherwise
-            pushes, if they have been read or subscribed before. A change of a type without Python form calls
+            pushes, if they have been read or subscribed before. A change of a date or a signed 64-bit integer calls
             nothing.
 
         The first registration stays in force; a later one changes nothing. Nothing is sent.
@@ -148,6 +149,8 @@ class Driver:
         """Subscribes tags: the server sends their values now and every change from then on.
 
         name: one tag name, or several joined by commas; 519 new ones a call, further ones are left out silently.
+            Of type currency or unsigned 64-bit it must be none: where their changes end cannot be told, so what
+            follows in the same receive is dropped, and where that hides the next beginning the connection ends.
 
         Returns 1 on success, also when there was nothing to subscribe (names already subscribed or unknown);
         0 when the connection failed or the server's answer did.
