@@ -1,4 +1,4 @@
-// The ends of a connection that are not its own: a fork and the end of the interpreter.
+// The ends of a connection that are not its own: of the other socket, a fork and the end of the interpreter.
 #include "core_fixture.h"
 
 #include <fcntl.h>
@@ -22,6 +22,17 @@ protected:
         return WIFEXITED(nStatus) ? WEXITSTATUS(nStatus) : -1;
     }
 };
+
+TEST_F(CoreEnds, TheEndOfTheRequestConnectionIsSeenInsideANotification)
+{
+    Subscribe(*m_pA, {{"n", 1, Typed(VT_I4, U32(0))}});
+    Core().m_reqSock.SetTimeOut(3'600'000); // the rest is awaited for as long
+    StartReceiving();
+    m_rcv.Send(Change(0, 1, U32(5)) + U16(0));
+    EXPECT_TRUE(WaitWhileOthersRun([&] { return Read(*m_pA, "n") == "5"; }));
+    m_req.Close();
+    EXPECT_TRUE(WaitWhileOthersRun([&] { return !Core().IsConnected(); }));
+}
 
 TEST_F(CoreEnds, AForkedCopyAnswersNothingAndGoesWithoutAWordToTheServer)
 {
