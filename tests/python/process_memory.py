@@ -24,3 +24,12 @@ def in_use() -> tuple[int, int]:
     told = _mallinfo()
     pages = int(Path("/proc/self/statm").read_text(encoding="ascii").split()[1])
     return told.uordblks + told.hblkhd, pages * os.sysconf("SC_PAGE_SIZE")
+
+
+def peak() -> int:
+    """The most bytes that the kernel has ever given to this process.
+
+    Not ru_maxrss, which begins with what the process had that started this one.
+    """
+    status = dict(line.split(":", 1) for line in Path("/proc/self/status").read_text(encoding="ascii").splitlines())
+    return int(status["VmHWM"].split()[0]) * 1024

@@ -1,7 +1,7 @@
-"""What months of changes and alarms leave in memory: nothing.
+"""What months of changes and alarms leave in memory: nothing. And what the largest files take at most.
 
-Each script measures itself twice, after a warm-up and at its end, in quiet moments: what the kernel has given to the
-process, what malloc and the interpreter have given out, and reference counts.
+What is to leave nothing measures itself twice, after a warm-up and at its end, in quiet moments: what the kernel has
+given to the process, what malloc and the interpreter have given out, and reference counts.
 RKDB_MEMORY is the number of callbacks of the longest ones (1,000,000 if not set, fewer with sanitized code).
 """
 
@@ -277,3 +277,52 @@ def test_live_connections_that_come_and_go_leave_memory_flat(play: Play, project
     sanitized = os.environ.get("RKDB_PRESET") in ("asan", "tsan")
     exact = {} if sanitized else {"GLIBC_TUNABLES": "glibc.malloc.tcache_count=0"}
     passes_alone(HEAD + MEASURE + LIVE_ROUND, peer.host, str(rounds), timeout=80, environment=exact)
+
+
+# Files of a server that is not to be trusted: large, of entries that are all short or all long.
+
+LARGE = 12 * 1024 * 1024
+AT_PEAK = """
+import sys
+from client import connect
+from process_memory import peak
+from RkDBAccess import DBCore
+
+def grown(before):
+    more = (peak() - before) / 1024 / 1024
+    assert more < 60, f"{more:.0f} MiB"
+    print(f"{more:.0f} MiB")
+"""
+
+
+@pytest.mark.parametrize("width", [6, 500])
+def test_a_large_directory_takes_less_than_60_mib(play: Play, project: str, width: int) -> None:
+    count = LARGE // (width + 5)
+    body = wire.directory((b"%0*x" % (width, n), n & 0xFFFF, 1) for n in range(count))
+    peer = play(d.up_to_directory(project, body) + d.fetching(wire.download_reply(body)))
+    script = """
+first, last = sys.argv[2:]
+before = peak()
+core = connect(sys.argv[1])
+grown(before)
+core.GetDriver(first)
+core.GetDriver(last)
+"""
+    last = min(count, 65536) - 1  # a client knows no more drivers
+    output = passes_alone(AT_PEAK + script, peer.host, f"{0:0{width}x}", f"{last:0{width}x}")
+    print(f"{count} names of {width} bytes:", output)
+
+
+@pytest.mark.parametrize("width", [1, 190])
+def test_a_large_list_of_alarm_texts_takes_less_than_60_mib(play: Play, project: str, width: int) -> None:
+    texts = (b"t" * width + b"\n") * (LARGE // (width + 1))
+    peer = peer_of(play, project, registering_alarms([Alarm(kind=65535, group=65536 // 2)], texts=texts))
+    script = """
+seen = []
+core = connect(sys.argv[1])
+before = peak()
+core.SetRtAlarmNotify(lambda *alarm: seen.append(alarm[4:6]), 1)
+grown(before)
+assert seen == [("t" * int(sys.argv[2]),) * 2], seen
+"""
+    print(f"lines of {width} bytes:", passes_alone(AT_PEAK + script, peer.host, str(width)))

@@ -48,12 +48,6 @@ int AcceptOne(int fdListen)
     return fd;
 }
 
-size_t CountDescriptors()
-{
-    const auto all = std::filesystem::directory_iterator("/proc/self/fd");
-    return static_cast<size_t>(std::distance(begin(all), end(all)));
-}
-
 /// The handshake's scrambling with always the same random byte, written down a second time.
 Bytes Scramble(const Bytes& plain)
 {
@@ -147,6 +141,12 @@ size_t Pending(const CSyncSocket& sock)
     int nLen = 0;
     EXPECT_EQ(::ioctl(sock.GetHandle(), FIONREAD, &nLen), 0);
     return static_cast<size_t>(nLen);
+}
+
+size_t CountDescriptors()
+{
+    const auto all = std::filesystem::directory_iterator("/proc/self/fd");
+    return static_cast<size_t>(std::distance(begin(all), end(all)));
 }
 
 bool WaitPending(const CSyncSocket& sock, size_t nLen)

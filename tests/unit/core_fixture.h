@@ -80,6 +80,8 @@ inline Bytes Change(WORD nDriver, WORD nTag, const Bytes& payload)
 }
 std::string Hex(std::span<const BYTE> bytes);
 
+/// What this process has open.
+size_t CountDescriptors();
 /// Bytes that one receive could have now.
 size_t Pending(const CSyncSocket& sock);
 /// Waits until there are exactly so many.

@@ -89,6 +89,29 @@ TEST_F(DriverNames, AListThatIsKnownAsAWholeIsAnsweredAsItsNamesWouldBe)
     EXPECT_EQ(out[1]->id, 4);
 }
 
+/// Two threads of a script that ask for the same new name get an answer each.
+TEST_F(DriverNames, AListThatIsKnownAsAWholeGivesThePositionOfALaterAnswer)
+{
+    Learn(*m_pA, {{"A", 3, {}}, {"B", 4, {}}});
+    EXPECT_EQ(Check("A,B"), (Positions{3, 4}));
+    const Bytes request = U8('L') + Name("A");
+    for (const int nPos : {3, 5, 8, 6}) { // the table ends before 8
+        {
+            const CPlay play([&] {
+                m_req.Want(request);
+                m_req.Send(U8('L') + Pos(static_cast<unsigned>(nPos)));
+            });
+            CDBDriver::TagSlots out;
+            EXPECT_TRUE(m_pA->ReqBatchGetPoss({CString("A")}, reinterpret_cast<const char*>(request.data()),
+                                              request.size(), out));
+        }
+        for (int i = 0; i < 2; ++i)
+            EXPECT_EQ(Check("A,B"), (Positions{nPos < 8 ? nPos : -1, 4}));
+        EXPECT_EQ(Check("A"), Positions{nPos < 8 ? nPos : -1});
+    }
+    EXPECT_TRUE(m_req.IsSilent());
+}
+
 TEST_F(DriverNames, AListWithNewNamesComesInTheOrderOfItsNamesOnceAllAreKnown)
 {
     Learn(*m_pA, {{"A", 3, {}}, {"B", 4, {}}});

@@ -1,7 +1,13 @@
-// What the receive thread does when there is no memory for a value. A program of its own: what it does to
+// What the receive thread and sockets do when there is no memory. A program of its own: what it does to
 // operator new is no business of other tests.
 #include "core_fixture.h"
+#include "loopback.h"
 #include "refusing_new.h"
+
+#include <fcntl.h>
+#include <functional>
+#include <new>
+#include <unistd.h>
 
 namespace {
 
@@ -77,6 +83,64 @@ TEST_F(NoMemory, ForANewCoreGivesNone)
     CDBCore* pCore = _DBCoreNew();
     g_nRefuse = SIZE_MAX;
     EXPECT_EQ(pCore, nullptr);
+}
+
+class NoMemorySocket : public testing::Test
+{
+protected:
+    /// Nothing can be had while fn runs, which must fail for that and leave no descriptor behind.
+    static void Refuse(const std::function<void()>& fn)
+    {
+        const size_t nBefore = CountDescriptors();
+        bool bRefused = false;
+        g_nRefuse = 0;
+        try {
+            fn();
+        } catch (const std::bad_alloc&) {
+            bRefused = true;
+        }
+        g_nRefuse = SIZE_MAX;
+        EXPECT_TRUE(bRefused);
+        EXPECT_EQ(CountDescriptors(), nBefore);
+    }
+};
+
+TEST_F(NoMemorySocket, OpensNothingThatStaysOpen)
+{
+    CSyncSocket sock;
+    Refuse([&] { sock.Create(); });
+    EXPECT_EQ(sock.GetHandle(), -1);
+    EXPECT_TRUE(sock.Create()) << "with memory again";
+}
+
+TEST_F(NoMemorySocket, EndsTheConnectionThatItCannotAccept)
+{
+    CLoopback listener;
+    CSyncSocket accepting(::fcntl(listener.Handle(), F_DUPFD_CLOEXEC, 0));
+    CSyncSocket client;
+    ASSERT_TRUE(client.Create());
+    ASSERT_TRUE(client._Connect("127.0.0.1", listener.Port()));
+    CSyncSocket server;
+    Refuse([&] { accepting.Accept(server, nullptr, nullptr); });
+    EXPECT_EQ(server.GetHandle(), -1);
+    client.SetTimeOut(20'000);
+    WantEnd(client);
+}
+
+TEST_F(NoMemorySocket, ClosesTheDescriptorThatItIsGiven)
+{
+    const int hGiven = ::fcntl(STDERR_FILENO, F_DUPFD_CLOEXEC, 0);
+    ASSERT_NE(hGiven, -1);
+    bool bRefused = false;
+    g_nRefuse = 0;
+    try {
+        const CSyncSocket sock(hGiven);
+    } catch (const std::bad_alloc&) {
+        bRefused = true;
+    }
+    g_nRefuse = SIZE_MAX;
+    EXPECT_TRUE(bRefused);
+    EXPECT_EQ(::fcntl(hGiven, F_GETFD), -1);
 }
 
 TEST(NoMemoryVariant, AnAssignmentWithoutMemoryChangesNothing)

@@ -4,6 +4,7 @@
 #include "loopback.h"
 
 #include <array>
+#include <climits>
 #include <cstring>
 #include <fcntl.h>
 #include <netinet/tcp.h>
@@ -245,6 +246,41 @@ TEST(SyncSocket, TimeOutZeroChangesNothing)
     CSyncSocket none;
     EXPECT_FALSE(none.SetTimeOut(5));
     EXPECT_FALSE(none.GetRecvTimeOut(nMs));
+}
+
+TEST(SyncSocket, ATimeOutThatIsTooLongForTheClockIsNone)
+{
+    for (const long nMs : {LONG_MAX, LONG_MAX - 1, LONG_MAX / 2, LONG_MAX / 1000, LONG_MAX / 1'000'000 + 1,
+                           LONG_MAX / 1'000'000, LONG_MAX / 2'000'000, (1L << 40) - 1}) {
+        SCOPED_TRACE(nMs);
+        const CLoopback listener;
+        for (const char* szHost : {"127.0.0.1", "localhost"}) {
+            CSyncSocket sock;
+            ASSERT_TRUE(sock.Create());
+            sock.SetConnectTimeOut(nMs);
+            EXPECT_TRUE(sock._Connect(szHost, listener.Port())) << szHost;
+        }
+        SPair pair;
+        ASSERT_TRUE(pair.client.SetTimeOut(nMs));
+        pair.client.SetLimit(nMs, 2);
+        std::array<char, 3> buf{};
+        Send(pair.server, "abcdef");
+        EXPECT_EQ(pair.client._Recv(buf.data(), 1), 1);
+        EXPECT_TRUE(pair.client.RecvAll(buf.data(), 2));
+        EXPECT_EQ(pair.client.RecvTimeOut(buf.data(), 3, nMs), 3);
+        EXPECT_EQ(std::string_view(buf.data(), 3), "def");
+        EXPECT_TRUE(pair.client.SendAll("x", 1));
+        EXPECT_TRUE(pair.client.SendTimeOut("y", 1, nMs));
+        Want(pair.server, "xy");
+        std::thread late([&pair] {
+            std::this_thread::sleep_for(milliseconds(20));
+            Send(pair.server, "ghi");
+        });
+        EXPECT_EQ(pair.client.WaitRecv(&pair.server, nMs), CSyncSocket::EWake::Ready);
+        EXPECT_TRUE(pair.client.RecvAll(buf.data(), 3)) << "waits for what comes late";
+        late.join();
+        EXPECT_FALSE(pair.client.HasTimedOut());
+    }
 }
 
 TEST(SyncSocket, TimeOutsAreSetForBothDirectionsOrOne)
