@@ -182,6 +182,7 @@ def told(judge: soak.Judge, *reports: ServerReport | ClientReport) -> dict[str, 
         ({}, {"ended_at": 52.0, "connect": -2, "violated": True}, {}),  # counted already
         ({"started_at": 47.0}, {"started_at": 46.5, "ended_at": 52.0, "connect": -2}, {NO_CAUSE: 1}),
         ({"started_at": 47.0}, {"started_at": 40.0, "ended_at": 52.0, "connect": -2}, {}),  # nobody listened so long
+        ({"started_at": 47.0}, {"started_at": 40.0, "ended_at": 52.0}, {NO_CAUSE: 1}),  # taken up all the same
         ({"started_at": 47.0}, {"started_at": 48.0, "ended_at": 52.0, "connect": -2}, {}),  # not the same attempt
         ({"started_at": 54.0}, {"ended_at": 52.0, "connect": -2}, {}),
     ],

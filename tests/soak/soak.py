@@ -127,7 +127,8 @@ class Judge:
         since = [at for at in (server["must_end_at"], server["gave_up_at"]) if at is not None]
         late = (client["closed_at"] if ended is None else ended) - min(since, default=float("inf"))
         if late > LATE:
-            self.violate(LATE_END, f"{name}: {late:.1f} s after it had to")
+            notes = "; ".join(server["notes"])
+            self.violate(LATE_END, f"{name}: {late:.1f} s after it had to: {client['why']}; done was {notes}")
         if server["last"] is not None and client["delivered"] > server["last"]:
             self.violate(LATE_END, f"{name}: it went on behind a pause, {server['last']}, {client['delivered']}")
         if server["sent"] is not None and client["delivered"] > server["sent"]:
@@ -136,7 +137,8 @@ class Judge:
     @staticmethod
     def _may_end(server: Message, client: Message) -> bool:
         """Whether the client may have waited too long: for what was sent, or until it was listened to at all."""
-        return bool(server["may_end"]) or server["started_at"] - client["started_at"] > T - SLACK
+        taken_up_late = client["connect"] != 0 and server["started_at"] - client["started_at"] > T - SLACK
+        return bool(server["may_end"]) or taken_up_late
 
     def unmatched(self) -> list[str]:
         """What the two sides disagree on. To be asked when all have ended: until then a report may be on its way."""

@@ -251,8 +251,8 @@ class Conversation:
         if kind == "stall":
             self._wait_over(self._rng.uniform(T + SLACK, T + 2 * SLACK))
             self._send("ask", data[at:])
-        else:  # a byte now and then, each in time, the whole never
-            for byte in (data[at:] + bytes(100))[: int(LATE / 2)]:
+        else:  # a byte now and then, each in time; the last one never comes, or more would belong to the next reply
+            for byte in data[at:-1][: int(LATE / 2)]:
                 self._send("ask", bytes([byte]))
                 self._wait_over(2.0)
         raise Gone
