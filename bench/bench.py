@@ -1,6 +1,7 @@
 """Measures how fast the module is against what the same bytes cost otherwise, and says it as ratios.
 
     script/bench [--rounds N] [--instructions] [--output FILE]
+    script/bench --ending
 
 Contestants take turns within each round, so that a machine that is busy for a while is busy for all of them, and a
 ratio is the median of the rounds' ratios. Values are checked in the same run: a wrong one ends it. Nothing here is a
@@ -23,6 +24,7 @@ from pathlib import Path
 from statistics import median, quantiles
 
 import contestants as who
+import ending
 import plant
 from contestants import Factory
 
@@ -153,6 +155,11 @@ def machine() -> str:
     return f"{os.cpu_count()} x {cpu}, Linux {platform.release()}, CPython {platform.python_version()}"
 
 
+def endings(options: argparse.Namespace) -> list[str]:
+    print("Measuring: the end of idle connections ...", file=sys.stderr, flush=True)
+    return ending.table(ending.measure(options.programs, cpus_of_both()[1]))
+
+
 def report(options: argparse.Namespace) -> str:
     before = load()
     cpus = len(os.sched_getaffinity(0))
@@ -162,6 +169,7 @@ def report(options: argparse.Namespace) -> str:
         nanoseconds = measure(race, options.programs, options.rounds)
         counted = instructions(race, options.programs) if options.instructions else {}
         sections += table(race, nanoseconds, counted)
+    sections += endings(options)
     head = [
         "# What script/bench measured",
         "",
@@ -190,12 +198,16 @@ def main() -> None:
     parser = argparse.ArgumentParser(prog="script/bench")
     parser.add_argument("--rounds", type=int, default=15, help="default: 15")
     parser.add_argument("--instructions", action="store_true", help="count instructions as well (needs valgrind)")
+    parser.add_argument("--ending", action="store_true", help="only the ends of connections; prints, writes no file")
     parser.add_argument("--output", type=Path, default=here / "RESULTS.md", help="default: bench/RESULTS.md")
     parser.add_argument("--programs", type=Path, required=True, help=argparse.SUPPRESS)
     parser.add_argument("--only", nargs=3, help=argparse.SUPPRESS)
     options = parser.parse_args()
     if options.only:
         run_only(options)
+        return
+    if options.ending:
+        print("\n".join(endings(options)))
         return
     if options.rounds < 3:
         parser.error("a median needs 3 rounds or more")

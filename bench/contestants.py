@@ -48,14 +48,19 @@ def require(holds: bool, what: str) -> None:
 # What they share: connections to a server of their own.
 
 
-def connect_module(stack: ExitStack, server: Server) -> Driver:
+def connect_core(stack: ExitStack, server: Server) -> DBCore:
     host = f"127.0.0.1:{server.port}"
     mirror = MIRRORS / host.replace(":", "_")
     shutil.rmtree(mirror, ignore_errors=True)
     stack.callback(shutil.rmtree, mirror, ignore_errors=True)
-    cores = [DBCore()]
+    core = DBCore()
+    require(core.Connect(host, plant.USER, plant.PASSWORD) == 0, "the module does not connect")
+    return core
+
+
+def connect_module(stack: ExitStack, server: Server) -> Driver:
+    cores = [connect_core(stack, server)]
     stack.callback(cores.clear)  # the last reference: ends the connection
-    require(cores[0].Connect(host, plant.USER, plant.PASSWORD) == 0, "the module does not connect")
     return cores[0].GetDriver(plant.DRIVER)
 
 

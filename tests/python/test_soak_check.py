@@ -2,6 +2,8 @@
 
 from __future__ import annotations
 
+import json
+import socket
 import sys
 import time
 
@@ -11,6 +13,7 @@ from conftest import CHECKOUT
 sys.path.append(str(CHECKOUT / "tests" / "soak"))
 
 import soak
+import soak_client
 import soak_fast
 import soak_plant
 from soak_faults import DISORDER, LATE, LATE_END, LOST, NO_CAUSE, WRONG, ClientReport, ServerReport
@@ -146,13 +149,10 @@ def test_alarms_alternate() -> None:
     assert found == [(LOST, 1), (WRONG, 1), (WRONG, 1)]
 
 
-def judged(server: ServerReport, client: ClientReport) -> dict[str, int]:
-    judge = soak.Judge()
-    said: list[dict[str, object]] = []
-    for module, report in ((server, "server"), (client, "client")):
-        said.append({"kind": "attempt", "side": report, **module.__dict__})
-    for message in said:
-        judge.take("sender 0", message)
+def told(judge: soak.Judge, *reports: ServerReport | ClientReport) -> dict[str, int]:
+    for report in reports:
+        side = "server" if isinstance(report, ServerReport) else "client"
+        judge.take("sender 0" if side == "server" else "fast 0", {"kind": "attempt", "side": side, **vars(report)})
     return {what: count for what, count in judge.violations.items() if count}
 
 
@@ -172,7 +172,19 @@ def judged(server: ServerReport, client: ClientReport) -> dict[str, int]:
         ({"sent": 100}, {"delivered": 99}, {}),
         ({"sent": 100, "last": 90}, {"delivered": 90}, {}),
         ({"sent": 100, "last": 90}, {"delivered": 91}, {LATE_END: 1}),
-        ({}, {"ended_at": 52.0, "connect": -2}, {}),
+        ({}, {"ended_at": 52.0, "connect": -2}, {NO_CAUSE: 1}),
+        ({}, {"ended_at": 52.0, "connect": -3}, {NO_CAUSE: 1}),
+        ({"fault_at": 51.0}, {"ended_at": 52.0, "connect": -2}, {}),
+        ({"fault_at": 52.5}, {"ended_at": 52.0, "connect": -2}, {}),  # noted by another process in the same moment
+        ({"fault_at": 55.0}, {"ended_at": 52.0, "connect": -2}, {NO_CAUSE: 1}),
+        ({"may_end": True}, {"ended_at": 52.0, "connect": -2}, {}),
+        ({"must_end_at": 0.0, "fault_at": 0.0}, {"ended_at": 52.0, "connect": -2}, {}),  # Connect has its own bound
+        ({}, {"ended_at": 52.0, "connect": -2, "violated": True}, {}),  # counted already
+        ({"started_at": 47.0}, {"started_at": 46.5, "ended_at": 52.0, "connect": -2}, {NO_CAUSE: 1}),
+        ({"started_at": 47.0}, {"started_at": 40.0, "ended_at": 52.0, "connect": -2}, {}),  # nobody listened so long
+        ({"started_at": 47.0}, {"started_at": 40.0, "ended_at": 52.0}, {NO_CAUSE: 1}),  # taken up all the same
+        ({"started_at": 47.0}, {"started_at": 48.0, "ended_at": 52.0, "connect": -2}, {}),  # not the same attempt
+        ({"started_at": 54.0}, {"ended_at": 52.0, "connect": -2}, {}),
     ],
 )
 def test_the_two_sides_of_an_attempt_are_compared(
@@ -181,4 +193,52 @@ def test_the_two_sides_of_an_attempt_are_compared(
     theirs, ours = ServerReport(0, 1, "fin ask"), ClientReport(0, 1, connect=0, closed_at=53.0)
     vars(theirs).update(server)
     vars(ours).update(client)
-    assert judged(theirs, ours) == finds
+    assert told(soak.Judge(), theirs, ours) == finds
+
+
+def test_an_attempt_of_one_side_alone_is_told_at_the_end() -> None:
+    judge = soak.Judge()
+    for attempt in range(1, 9):
+        theirs = [ServerReport(0, attempt, "stall hear")] if attempt not in (4, 6) else []
+        ours = [ClientReport(0, attempt, connect=0, closed_at=1.0)] if attempt != 8 else []
+        assert told(judge, *ours, *theirs) == {}
+    assert sorted(judge.unmatched()) == [
+        "fast 0: only the client's side has reported, in 2 attempts, of which the first is 4",
+        "fast 0: only the server's side has reported, in 1 attempts, of which the first is 8",
+    ]
+
+
+def test_sides_that_count_attempts_differently_are_told_at_the_end() -> None:
+    # The server's side has missed attempt 3: what it calls so is attempt 4, in which nothing was done to the client.
+    judge = soak.Judge()
+    for attempt in range(1, 6):
+        ours = ClientReport(0, attempt, connect=-2, started_at=10.0 * attempt, ended_at=10.0 * attempt + 9)
+        ours.closed_at = 10.0 * attempt + 9
+        assert told(judge, ours) == {}
+    for attempt, started in enumerate((10.1, 20.1, 40.1, 50.1), start=1):
+        assert told(judge, ServerReport(0, attempt, "fin ask", started_at=started, may_end=attempt < 3)) == {}
+    assert sorted(judge.unmatched()) == [
+        "fast 0: only the client's side has reported, in 1 attempts, of which the first is 5",
+        "fast 0: the two sides did not run together, in 2 attempts, of which the first is 3",
+    ]
+
+
+def test_sides_that_agree_leave_nothing_unmatched() -> None:
+    judge = soak.Judge()
+    assert told(judge, ServerReport(0, 1, "fin ask"), ClientReport(0, 1, connect=0, closed_at=1.0)) == {}
+    assert judge.unmatched() == []
+
+
+def test_a_failed_connect_is_reported_with_its_time(capsys: pytest.CaptureFixture[str]) -> None:
+    judge = soak.Judge()
+    with socket.socket() as nobody:  # has the port and does not listen
+        nobody.bind(("127.0.0.1", 0))
+        host = f"127.0.0.1:{nobody.getsockname()[1]}"
+        counts = soak_client.Counts()
+        attempt = soak_client.Attempt(soak_client.Who(host, 0, "seed", time.monotonic(), 1.0), 1, counts)
+        theirs = ServerReport(0, 1, "fin ask", started_at=attempt.report.started_at)
+        attempt.close(lambda: 0)
+    judge.take("fast 0", json.loads(capsys.readouterr().out))
+    assert told(judge, theirs) == {NO_CAUSE: 1}
+    assert f"Connect gave {attempt.report.connect}, " in capsys.readouterr().err
+    assert (counts.values["connects_failed"], counts.values["drops"]) == (1, 0)

@@ -8,7 +8,8 @@ Two kinds of clients, each in a process of its own because the module holds the 
     plants   soak_plant.py   one simulator for all, each behind a proxy that breaks (soak_proxy.py)
 
 What was done to each attempt to connect and what its client saw of it are compared here. Ends with a table, and with
-status 1 if a value was wrong, lost or out of order, if a connection that had to end stood, or ended without cause.
+status 1 if a value was wrong, lost or out of order, if a connection that had to end stood, or ended without cause, and
+if one side has an attempt that the other does not have.
 """
 
 from __future__ import annotations
@@ -28,7 +29,7 @@ from pathlib import Path
 from typing import Any
 
 import soak_project
-from soak_faults import LATE, LATE_END, MIRROR_ROOT, NO_CAUSE, PATIENCE, VIOLATIONS, WRONG
+from soak_faults import LATE, LATE_END, MIRROR_ROOT, NO_CAUSE, PATIENCE, SLACK, VIOLATIONS, WRONG, T
 
 HERE = Path(__file__).resolve().parent
 Message = dict[str, Any]
@@ -80,6 +81,7 @@ class Judge:
         self.usage: dict[tuple[str, str], dict[str, int]] = {}
         self.ends: dict[str, int] = {}
         self.done: set[str] = set()
+        self._apart: dict[str, list[int]] = {}  # attempts whose two sides did not run at the same time
         self._halves: dict[tuple[str, int], dict[str, Message]] = {}
         self._shown = 0
 
@@ -109,22 +111,44 @@ class Judge:
         name = f"{who}, attempt {attempt} ({server['end']})"
         if client["violated"]:
             print(f"{name}: done was {'; '.join(server['notes'])}", file=sys.stderr, flush=True)
-        if client["connect"] != 0 or client["violated"]:
+        if not client["started_at"] <= server["started_at"] <= client["closed_at"]:
+            self._apart.setdefault(who, []).append(attempt)  # one of them is not of this attempt, or was away too long
+            return
+        if client["violated"]:
             return
         ended, fault = client["ended_at"], server["fault_at"]
-        if ended is not None:
-            self.ends[server["end"]] = self.ends.get(server["end"], 0) + 1
-        if ended is not None and not server["may_end"] and (fault is None or ended < fault - 1):
+        if ended is not None and not self._may_end(server, client) and (fault is None or ended < fault - 1):
             notes = "; ".join(server["notes"])
             self.violate(NO_CAUSE, f"{name}, at {ended:.2f}: {client['why']}; done was, until {fault}: {notes}")
+        if client["connect"] != 0:
+            return
+        if ended is not None:
+            self.ends[server["end"]] = self.ends.get(server["end"], 0) + 1
         since = [at for at in (server["must_end_at"], server["gave_up_at"]) if at is not None]
         late = (client["closed_at"] if ended is None else ended) - min(since, default=float("inf"))
         if late > LATE:
-            self.violate(LATE_END, f"{name}: {late:.1f} s after it had to")
+            notes = "; ".join(server["notes"])
+            self.violate(LATE_END, f"{name}: {late:.1f} s after it had to: {client['why']}; done was {notes}")
         if server["last"] is not None and client["delivered"] > server["last"]:
             self.violate(LATE_END, f"{name}: it went on behind a pause, {server['last']}, {client['delivered']}")
         if server["sent"] is not None and client["delivered"] > server["sent"]:
             self.violate(WRONG, f"{name}: {client['delivered']} notifications were told of {server['sent']}")
+
+    @staticmethod
+    def _may_end(server: Message, client: Message) -> bool:
+        """Whether the client may have waited too long: for what was sent, or until it was listened to at all."""
+        taken_up_late = client["connect"] != 0 and server["started_at"] - client["started_at"] > T - SLACK
+        return bool(server["may_end"]) or taken_up_late
+
+    def unmatched(self) -> list[str]:
+        """What the two sides disagree on. To be asked when all have ended: until then a report may be on its way."""
+        found = {f"{who}: the two sides did not run together": attempts for who, attempts in self._apart.items()}
+        for (who, attempt), halves in self._halves.items():
+            found.setdefault(f"{who}: only the {next(iter(halves))}'s side has reported", []).append(attempt)
+        return [
+            f"{text}, in {len(attempts)} attempts, of which the first is {min(attempts)}"
+            for text, attempts in found.items()
+        ]
 
     def violate(self, what: str, text: str, count: int = 1) -> None:
         self.violations[what] += count
@@ -250,6 +274,7 @@ class Soak:
             self._simulator.terminate()
             self._simulator.wait(20)
         self._told()
+        self.failed += self.judge.unmatched()
 
     def _told(self) -> set[str]:
         while not self._said.empty():

@@ -82,11 +82,14 @@ class Attempt:
         folder = MIRROR_ROOT / who.host.replace(":", "_")
         if self.rng.random() < 0.4:
             shutil.rmtree(folder, ignore_errors=True)  # so that the next Connect fetches everything
-        started = time.monotonic()
+        self.report.started_at = started = time.monotonic()
         self.report.connect = self.db.Connect(who.host, USER, PASSWORD)
+        took = time.monotonic() - started
         counts.add("connects" if self.report.connect == 0 else "connects_failed")
-        if time.monotonic() - started > 3 * CALL_BOUND:
-            self.complain(LATE_END, f"Connect took {time.monotonic() - started:.1f} s")
+        if self.report.connect != 0:
+            self._ended(f"Connect gave {self.report.connect}, {took:.2f} s")
+        if took > 3 * CALL_BOUND:
+            self.complain(LATE_END, f"Connect took {took:.1f} s")
         if self.report.connect == -1:
             self.complain(WRONG, "Connect says that the server refused the login, which it never does")
 
@@ -149,7 +152,7 @@ class Attempt:
     def close(self, delivered: Callable[[], int]) -> None:
         """Gives up the connection and says what became of it."""
         self.report.closed_at = time.monotonic()
-        if self.report.ended_at is not None:
+        if self.report.connect == 0 and self.report.ended_at is not None:
             self.counts.add("drops")
         del self.db
         self.report.delivered = delivered()

@@ -51,6 +51,7 @@ class ServerReport:
     worker: int
     attempt: int
     end: str  # what was planned, for people
+    started_at: float = 0.0  # when the open request was there
     may_end: bool = False  # a pause about as long as the client waits
     fault_at: float | None = None  # when the fault began that ends the connection
     must_end_at: float | None = None  # from when on the connection has to end
@@ -81,9 +82,10 @@ class ClientReport:
     worker: int
     attempt: int
     connect: int
+    started_at: float = 0.0  # before Connect
     delivered: int = 0
     why: str = ""  # by what it was seen
-    ended_at: float | None = None  # when the connection was seen to have ended; None: the client ended it
+    ended_at: float | None = None  # when Connect failed, or the end was seen; None: the client ended the connection
     closed_at: float = 0.0
     violated: bool = False
 

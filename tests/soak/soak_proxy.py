@@ -32,7 +32,8 @@ class Attempt:
         self.ends_at = time.monotonic() + self.rng.random() ** 2 * life
         if self.rng.random() < 0.15:
             self.ends_at = float("inf")  # the client ends it by itself
-        self.report = ServerReport(worker, number, f"{kind} {way}")
+        self.report = ServerReport(worker, number, f"{kind} {way}", started_at=time.monotonic())
+        self.told = False
         self.lines: dict[str, Line] = {}
         self.tasks: list[asyncio.Task[None]] = []
         self._pauses: list[tuple[str, float, float]] = []
@@ -72,6 +73,7 @@ class Attempt:
         for task in self.tasks:
             task.cancel()
         self.report.tell()
+        self.told = True
 
     def abort(self) -> None:
         for line in self.lines.values():
@@ -220,9 +222,11 @@ class Proxy:
             task.add_done_callback(self._tasks.discard)
 
     async def finish(self) -> None:
-        """The last clients are gone."""
-        if self._tasks:
-            await asyncio.wait(self._tasks, timeout=LATE)
+        """The last clients are gone. What they have left in the queue of the socket is an attempt as well."""
+        await asyncio.sleep(0.5)
+        deadline = time.monotonic() + LATE
+        while not all(attempt.told for attempt in self._attempts) and time.monotonic() < deadline:
+            await asyncio.sleep(0.05)
 
 
 async def main(seed: str, upstream: int, clients: int, life: float) -> None:
@@ -230,8 +234,7 @@ async def main(seed: str, upstream: int, clients: int, life: float) -> None:
     for proxy in proxies:
         await proxy.serve()
     await asyncio.get_running_loop().run_in_executor(None, sys.stdin.read)
-    for proxy in proxies:
-        await proxy.finish()
+    await asyncio.gather(*(proxy.finish() for proxy in proxies))
 
 
 if __name__ == "__main__":

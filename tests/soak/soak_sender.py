@@ -85,7 +85,7 @@ class Conversation:
     def __init__(self, unit: Unit, seed: str, worker: int, attempt: int, life: float) -> None:
         self.unit = unit
         self.plan = Plan(seed, worker, attempt, life)
-        self.report = ServerReport(worker, attempt, self.plan.end)
+        self.report = ServerReport(worker, attempt, self.plan.end, started_at=time.monotonic())
         self.over = threading.Event()
         self.seen = 0  # how many notifications the client says it was told
         self._rng = dice(seed, worker, attempt, "ask")
@@ -251,8 +251,8 @@ class Conversation:
         if kind == "stall":
             self._wait_over(self._rng.uniform(T + SLACK, T + 2 * SLACK))
             self._send("ask", data[at:])
-        else:  # a byte now and then, each in time, the whole never
-            for byte in (data[at:] + bytes(100))[: int(LATE / 2)]:
+        else:  # a byte now and then, each in time; the last one never comes, or more would belong to the next reply
+            for byte in data[at:-1][: int(LATE / 2)]:
                 self._send("ask", bytes([byte]))
                 self._wait_over(2.0)
         raise Gone
@@ -473,13 +473,15 @@ def serve(seed: str, worker: int, life: float) -> None:
     stop = threading.Event()
     threading.Thread(target=stop_at_end_of_input, args=(stop,), daemon=True).start()
     number = 0
-    while not stop.is_set():
+    while True:
         for one in [one for one in attempts if one.over.is_set()]:
             one.close()
             attempts.remove(one)
         try:
             connection, _ = server.accept()
         except TimeoutError:
+            if stop.is_set():  # and whoever has connected is known
+                break
             continue
         connection.settimeout(10)
         with contextlib.suppress(OSError):
@@ -488,7 +490,7 @@ def serve(seed: str, worker: int, life: float) -> None:
                 attempts.append(Conversation(unit, seed, worker, number := number + 1, life))
                 attempts[-1].adopt("ask", connection)
                 connection = socket.socket()
-            elif first == b"8" and attempts:
+            elif first == b"8" and attempts and attempts[-1].report.attempt == number:  # not one of before
                 attempts[-1].adopt("hear", connection)
                 connection = socket.socket()
         connection.close()
