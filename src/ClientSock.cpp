@@ -183,6 +183,7 @@ int CClientSock::ConnectAddr(LPCSTR szHost, CString& strPrjName, CString& strTit
                              bool bAccessDB, int nRedirects)
 {
     StopSock();
+    ++m_nConnection;
     std::srand(static_cast<unsigned>(std::time(nullptr)));
     m_nTail = 0;
     SServerAddr addr;
@@ -324,11 +325,14 @@ void CClientSock::EndConnection()
 
 /// Threads of a script meet here only while a signal handler of the script runs in the middle of a request.
 /// Another thread's request waits until that one is over; one of the handler's own would never be.
+/// Nor would it be if the handler waits for that thread: so the wait has an end.
 bool CClientSock::BeginExchange()
 {
+    const auto until = CSyncSocket::FromNow(m_reqSock.KeptRecvTimeOut(), 2);
     while (m_bExchanging.exchange(true)) {
         const auto fnYield = WaitHook().fnYield;
-        if (m_exchangeThread.load() == std::this_thread::get_id() || !fnYield)
+        if (m_exchangeThread.load() == std::this_thread::get_id() || !fnYield ||
+            (until && CSyncSocket::Clock::now() > *until))
             return false;
         fnYield();
     }
@@ -336,14 +340,20 @@ bool CClientSock::BeginExchange()
     return true;
 }
 
-CExchange::CExchange(CClientSock& sock) : m_sock(sock), m_bMine(sock.BeginExchange())
+CExchange::CExchange(CClientSock& sock) : m_sock(sock)
 {
-    if (!m_bMine)
+    const unsigned nConnection = sock.m_nConnection;
+    if (!sock.BeginExchange())
         return;
+    if (nConnection != sock.m_nConnection) { // while this thread waited: what it wants to ask is of another server
+        sock.m_bExchanging = false;
+        return;
+    }
+    m_bMine = true;
     CReqTimeSock& req = m_sock.m_reqSock;
     if (const int nTail = std::exchange(m_sock.m_nTail, 0); nTail > 0) {
-        std::vector<BYTE> tail(static_cast<size_t>(nTail));
-        static_cast<void>(req._Recv(tail.data(), nTail, MSG_DONTWAIT));
+        CClientSock::Reply tail;
+        static_cast<void>(req._Recv(tail.data(), std::min(nTail, static_cast<int>(tail.size())), MSG_DONTWAIT));
     }
     m_bOpen = req.IsQuiet();
     req.SetLimit(req.KeptRecvTimeOut(), 2);

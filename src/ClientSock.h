@@ -133,6 +133,7 @@ private:
 
     std::atomic<bool> m_bExchanging{false};
     std::atomic<std::thread::id> m_exchangeThread; // meaningful while m_bExchanging
+    std::atomic<unsigned> m_nConnection{0};        // counts connections, so that a request knows its own
     int m_nTail = 0; // bytes that the reply before may still bring; see CExchange::Succeed
 };
 
@@ -148,8 +149,9 @@ public:
     CExchange(const CExchange&) = delete;
     CExchange& operator=(const CExchange&) = delete;
 
-    /// False: nothing may be sent. The connection has ended, or a signal handler asks something in the middle
-    /// of the request that it interrupted.
+    /// False: nothing may be sent. The connection has ended, or was ended and made anew while another thread's
+    /// request was awaited; or a signal handler asks something in the middle of the request that it interrupted,
+    /// or keeps another thread's request from its end for 2 T.
     bool IsOpen() const noexcept { return m_bOpen; }
     /// The whole reply has been read. Without this call the destructor ends the connection. A few replies
     /// have no known end: up to nTail more bytes that come before the next request are taken for theirs.

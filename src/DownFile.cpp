@@ -169,7 +169,7 @@ bool SetField(SCFileInfo& fi, const char* szName, const char* szValue)
 enum class EHeader
 {
     Cut,   // more of it must come
-    Whole, // its empty line has been seen, and one of its lines says something
+    Whole, // its empty line has been seen; one of its lines says something, and the size of a body if there is one
     Bad,   // cannot become a header
 };
 
@@ -186,12 +186,16 @@ SHeader ReadHeader(const char* buf, int nLen, SCFileInfo& fi)
     int nLine = 0;
     int nPos = 0;
     bool bSays = false;
+    bool bSized = false;
     while (ReadHttpCont(buf, nPos, nLen, var.data(), VAR_MAX, prop.data(), PROP_MAX)) {
         bSays = SetField(fi, var.data(), prop.data()) || bSays;
+        bSized = bSized || ::strcasecmp(var.data(), "Size") == 0;
         nLine = nPos;
     }
-    if (nPos > nLine && buf[nPos - 1] == '\n')
-        return {bSays ? EHeader::Whole : EHeader::Bad, nPos};
+    if (nPos > nLine && buf[nPos - 1] == '\n') {
+        const bool bBody = fi.bExist && !fi.bUseLast;
+        return {bSays && (bSized || !bBody) ? EHeader::Whole : EHeader::Bad, nPos};
+    }
     return {nPos < nLen ? EHeader::Bad : EHeader::Cut, nPos};
 }
 
@@ -303,7 +307,9 @@ EDownload CDownload::KeepCopy()
         // A part that the server takes for the whole file must go, or it would be named again next time.
         return m_dir.Remove(m_strName) && !m_fi.bExist ? EDownload::Complete : EDownload::NotStored;
     }
-    return m_copy.IsThere() || m_gz.IsThere() ? EDownload::Complete : EDownload::NotStored;
+    if (m_copy.IsThere())
+        return EDownload::Complete;
+    return m_gz.IsThere() ? EDownload::Compressed : EDownload::NotStored;
 }
 
 EDownload CDownload::Fetch(CPace& pace, bool bRelay)
@@ -369,7 +375,7 @@ EDownload CDownload::Store(CNewFile& file, EBody eBody)
     else if (IsPartOnly(m_copy.st))
         m_copy.file.Close();
     Tell(file, m_nLen, true);
-    return EDownload::Complete;
+    return m_fi.bGZ ? EDownload::Compressed : EDownload::Complete;
 }
 
 void CDownload::SendHello(int nTotal)

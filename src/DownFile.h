@@ -44,6 +44,7 @@ enum class EDownload
     Complete, // the local copy is as the server wants it, and every byte of the reply has been read
     NotStored, // the connection is as clean, but there is no such copy: it could not be written, or what is
                // in its place is not to be trusted (then nothing was asked)
+    Compressed, // as Complete, but the server's file is here as ".gz" only, which nobody unpacks
 };
 
 /// What is fetched is a directory or a list; more than this is refused where it is announced.

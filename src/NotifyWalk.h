@@ -30,6 +30,7 @@ constexpr BYTE SYS_ALARM_EVENT = 3;
 /// What stands for a length where there is none.
 constexpr int NOTIFY_STOP = -2;  // the walk of this receive ends: what follows cannot be told apart
 constexpr int NOTIFY_CUT = 0;    // the bytes end inside this notification
+constexpr int NOTIFY_AWAIT = -3; // a subscription is under way for the tag: its reply says the type
 constexpr int NOTIFY_LEAVE = -1; // the connection has ended meanwhile: leave without touching it
 
 /// Whether a driver index and a tag position name a tag of the connected project.

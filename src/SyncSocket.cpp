@@ -33,8 +33,6 @@ public:
             m_end = std::min(m_end, Clock::now() + std::chrono::milliseconds(nMs));
     }
 
-    bool HasPassed() const { return m_end != Clock::time_point::max() && Clock::now() >= m_end; }
-
     /// Waits until the descriptor is ready: 1 ready, 0 expired, -1 failed or ended by the thread's WaitHook.
     int Wait(SOCKET hSocket, short nEvents) const
     {
@@ -335,12 +333,11 @@ void CSyncSocket::SetLimit(std::optional<Clock::time_point> until) noexcept
     m_nLimit = until ? until->time_since_epoch().count() : NO_LIMIT;
 }
 
-void CSyncSocket::SetLimit(long nMs, int nTimes) noexcept
+std::optional<CSyncSocket::Clock::time_point> CSyncSocket::FromNow(long nMs, int nTimes) noexcept
 {
-    if (nMs > 0 && nMs < LONGEST_MS)
-        SetLimit(Clock::now() + nTimes * std::chrono::milliseconds(nMs));
-    else
-        SetLimit(std::nullopt);
+    if (nMs <= 0 || nMs >= LONGEST_MS)
+        return std::nullopt;
+    return Clock::now() + nTimes * std::chrono::milliseconds(nMs);
 }
 
 void CSyncSocket::CloseForked() noexcept RK_NO_THREAD_SAFETY
@@ -379,11 +376,17 @@ int CSyncSocket::SendOn(SOCKET hSocket, const void* pBuf, int nLen, int nFlags)
     }
 }
 
+bool CSyncSocket::IsBeyondLimit() const
+{
+    const Clock::rep nLimit = m_nLimit;
+    return nLimit != NO_LIMIT && Clock::now().time_since_epoch().count() >= nLimit;
+}
+
 int CSyncSocket::RecvOn(SOCKET hSocket, void* pBuf, int nLen, int nFlags)
 {
     const CDeadline deadline(nFlags & MSG_DONTWAIT ? 0 : KeptRecvTimeOut(), m_nLimit);
     for (;;) {
-        if (deadline.HasPassed()) {
+        if (IsBeyondLimit()) {
             NoteTimeOut();
             return -1;
         }

@@ -106,8 +106,9 @@ public:
     /// No send or receive lasts beyond this moment, whatever its time-out; one that begins later fails even
     /// if there is something to receive. Nothing: no such moment.
     void SetLimit(std::optional<Clock::time_point> until) noexcept;
-    /// The same for nTimes nMs from now; nothing for 0 ms and for more than the clock can hold.
-    void SetLimit(long nMs, int nTimes) noexcept;
+    /// nTimes nMs from now; nothing for 0 ms and for more than the clock can hold.
+    static std::optional<Clock::time_point> FromNow(long nMs, int nTimes) noexcept;
+    void SetLimit(long nMs, int nTimes) noexcept { SetLimit(FromNow(nMs, nTimes)); }
     void SetConnectTimeOut(long nMs) noexcept { m_nConnectTimeOut = nMs; }
     /// True once a blocking transfer on the current socket has ended by its time-out: the peer may still
     /// answer what was asked, so the stream can no longer be trusted.
@@ -137,6 +138,7 @@ private:
     bool SetTimeOption(int nName, long nMs, std::atomic<long>& nKept);
     void NoteTimeOut() noexcept;
 
+    bool IsBeyondLimit() const;
     static constexpr Clock::rep NO_LIMIT = Clock::time_point::max().time_since_epoch().count();
 
     mutable CThreadLock m_lock;

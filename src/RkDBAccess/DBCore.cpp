@@ -82,8 +82,10 @@ EConnect CDBCore::_Connect(const CString& strHost, LPCSTR szUserName, LPCSTR szP
         EConnect eResult = EConnect::Failed;
         ~SConnecting()
         {
-            if (eResult != EConnect::Connected)
+            if (eResult != EConnect::Connected) {
                 core.StopSock();
+                core.ClearDrivers();
+            }
             core.m_bConnecting = false;
         }
     };
@@ -156,7 +158,7 @@ EConnect CDBCore::LoadDrivers(const SNAckRegReq& ack)
     const SNFileInfo info{FromBigEndian(ack.dif_time), FromBigEndian(ack.dif_size)};
     XFile copy;
     if (FetchPrjFile(DRVINFO_FILE, {{CString(DRVINFO_KEY), info}}, &copy) != EDownload::Complete)
-        return EConnect::Failed;
+        return EConnect::Failed; // also when it came compressed: what is here is another, or none
     std::map<CString, SNDrvInfoEx> mapDrvInfos;
     if (!(copy.IsOpen() ? ReadDrvInfos(copy, mapDrvInfos) : LoadPrjDrvInfo(m_strPrjPath, mapDrvInfos)))
         return EConnect::Failed;
@@ -177,7 +179,6 @@ EConnect CDBCore::StartReceiving(DWORD nRights)
     // Without its thread the connection would never learn of a change nor of its own end.
     m_bConnect = false;
     m_pRecvLink.reset();
-    ClearDrivers();
     return EConnect::Failed;
 }
 

@@ -151,10 +151,11 @@ bool CDBCore::ReadActiveAlarms(std::vector<S2RtAlarm2>& alarms)
     return true;
 }
 
-/// Null when the connection has ended meanwhile.
+/// Null when the connection has ended meanwhile. Without the server's list there is an empty one: texts of an
+/// older copy would be other texts.
 StringListPtr CDBCore::LoadStringList(const char* szFile)
 {
-    XFile copy;
+    XFile copy; // open when the exchange was complete and there is a file
     {
         CExchange exchange(*this);
         if (!exchange.IsOpen())
@@ -169,8 +170,6 @@ StringListPtr CDBCore::LoadStringList(const char* szFile)
     auto pList = std::make_shared<CStringList>();
     if (copy.IsOpen())
         ReadStringList(copy, *pList);
-    else
-        InitStringList(CString(m_strPrjPath + szFile), *pList);
     return pList;
 }
 

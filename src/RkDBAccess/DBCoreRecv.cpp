@@ -179,13 +179,18 @@ int CDBCore::OnDriverNotify(WORD nDriver, std::span<const BYTE> bytes, CPyThread
     const CDriverRef driver = DriverAt(nDriver);
     if (!driver)
         return NOTIFY_STOP;
-    AwaitFirstValue(*driver.Get(), nTag, pPython);
-    const int nValue = driver->OnDBNotify(nTag, reader.Rest(), pPython);
+    int nValue = NOTIFY_AWAIT;
+    while (nValue == NOTIFY_AWAIT && m_bConnect) {
+        AwaitFirstValue(*driver.Get(), nTag, pPython);
+        nValue = driver->OnDBNotify(nTag, reader.Rest(), pPython);
+    }
+    if (nValue == NOTIFY_AWAIT)
+        return NOTIFY_CUT; // the connection has ended
     return nValue > 0 ? nValue + static_cast<int>(DRIVER_HEAD) : nValue;
 }
 
 /// The reply of a subscription and the changes come by different connections, so a change may be here before
-/// the first value, without which it cannot be decoded. The request is bounded by its own time-out.
+/// the first value, whose type says how to decode it. The request is bounded by its own time-out.
 void CDBCore::AwaitFirstValue(CDBDriver& driver, WORD nTag, CPyThread* pPython)
 {
     while (m_bConnect && driver.AwaitsFirstValue(nTag)) {

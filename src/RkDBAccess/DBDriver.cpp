@@ -55,8 +55,11 @@ void CDBDriver::Resolve(const CString& strTag, WORD nPos)
     STag* pTag = SlotAt(nPos);
     if (!pTag || pTag->strTag == strTag)
         return;
-    pTag->strTag = strTag;
-    strTag.ToUtf8(pTag->strTagUtf8);
+    CString strName(strTag);
+    CString strUtf8;
+    strTag.ToUtf8(strUtf8);
+    pTag->strTag.swap(strName); // both or, without memory, none
+    pTag->strTagUtf8.swap(strUtf8);
 }
 
 WORD CDBDriver::GetTagId(const char* tagName)

@@ -60,7 +60,6 @@ public:
         WORD id = 0;             // position: the index in m_tags
         bool bSubscribe = false; // the server pushes its changes
         bool bAwaited = false;   // a subscription request is under way for it
-        bool bPushed = false;    // a change came in since that request was sent
     };
     using TagSlots = std::vector<STag*>; // null entries stand for names without a tag
 
@@ -106,10 +105,10 @@ public:
 
     /// Stores the change of one tag and tells the script. data holds what has come in behind the tag
     /// position. Returns the bytes consumed, or one of the NOTIFY_ values of NotifyWalk.h; NOTIFY_STOP for a
-    /// payload that cannot be decoded. Receive thread; pPython is null where no interpreter runs.
+    /// payload that cannot be decoded, NOTIFY_AWAIT as long as AwaitsFirstValue. Receive thread; pPython is null where no interpreter runs.
     int OnDBNotify(ULONG tagId, std::span<const BYTE> data, CPyThread* pPython);
-    /// True while a subscription request is under way for a slot without a value: a change of it, which
-    /// carries no type, cannot be decoded yet.
+    /// True while a subscription request is under way for a slot: a change of it carries no type, and the reply
+    /// may bring another one than the slot has.
     bool AwaitsFirstValue(ULONG tagId);
 
     const WORD m_drvId;
@@ -152,7 +151,7 @@ private:
     CString m_strDriverUtf8;
 
     CThreadLock m_lock;
-    // value, bAwaited and bPushed are guarded by m_lock, the names by the interpreter lock
+    // value and bAwaited are guarded by m_lock, the names by the interpreter lock
     std::vector<STag> m_tags;
     std::shared_ptr<CTagCallback> m_tagNotifyFn RK_GUARDED_BY(m_lock);
 };

@@ -14,6 +14,8 @@ int CDBDriver::OnDBNotify(ULONG tagId, std::span<const BYTE> data, CPyThread* pP
     int nUsed = 0;
     {
         const CThreadGuard guard(m_lock);
+        if (tag.bAwaited)
+            return NOTIFY_AWAIT;
         // The payload carries no type word: a tag that was never read has no length either.
         if (tag.value.vt == VT_EMPTY || tag.value.vt == VT_NULL)
             return NOTIFY_STOP;
@@ -22,7 +24,6 @@ int CDBDriver::OnDBNotify(ULONG tagId, std::span<const BYTE> data, CPyThread* pP
         if (!nDecoded)
             return NOTIFY_CUT;
         nUsed = *nDecoded > 0 ? static_cast<int>(*nDecoded) : NOTIFY_STOP;
-        tag.bPushed = true;
         pFn = *nDecoded > 0 && pPython ? m_tagNotifyFn : nullptr;
         if (!pFn) {
             std::swap(tag.value, value);
@@ -51,6 +52,5 @@ bool CDBDriver::AwaitsFirstValue(ULONG tagId)
     if (tagId >= m_tags.size())
         return false;
     const CThreadGuard guard(m_lock);
-    const STag& tag = m_tags[tagId];
-    return tag.bAwaited && (tag.value.vt == VT_EMPTY || tag.value.vt == VT_NULL);
+    return m_tags[tagId].bAwaited;
 }

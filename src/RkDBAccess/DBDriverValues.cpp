@@ -158,15 +158,15 @@ XVariant CDBDriver::CopyValue(const STag& tag)
 void CDBDriver::StoreRead(STag& tag, XVariant&& value)
 {
     const CThreadGuard guard(m_lock);
-    tag.value = std::move(value);
+    // A thread that had to wait for its turn may ask for what has been subscribed meanwhile: changes are newer.
+    if (!tag.bSubscribe)
+        tag.value = std::move(value);
 }
 
 void CDBDriver::StoreAdvised(STag& tag, XVariant&& value)
 {
     const CThreadGuard guard(m_lock);
-    // A change that has come in since the request is newer than the value of the reply.
-    if (!tag.bPushed || tag.value.vt != value.vt)
-        tag.value = std::move(value);
+    tag.value = std::move(value); // changes that have come in since the request are stored behind it
     tag.bSubscribe = true;
 }
 
@@ -275,10 +275,8 @@ private:
     void Mark(bool bAwaited)
     {
         const CThreadGuard guard(m_driver.m_lock);
-        for (STag* pTag : m_slots) {
+        for (STag* pTag : m_slots)
             pTag->bAwaited = bAwaited;
-            pTag->bPushed = false;
-        }
     }
 
     CDBDriver& m_driver;
