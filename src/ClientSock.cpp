@@ -345,7 +345,8 @@ CExchange::CExchange(CClientSock& sock) : m_sock(sock)
     const unsigned nConnection = sock.m_nConnection;
     if (!sock.BeginExchange())
         return;
-    if (nConnection != sock.m_nConnection) { // while this thread waited: what it wants to ask is of another server
+    if (nConnection !=
+        sock.m_nConnection) { // while this thread waited: what it wants to ask is of another server
         sock.m_bExchanging = false;
         return;
     }
@@ -353,7 +354,8 @@ CExchange::CExchange(CClientSock& sock) : m_sock(sock)
     CReqTimeSock& req = m_sock.m_reqSock;
     if (const int nTail = std::exchange(m_sock.m_nTail, 0); nTail > 0) {
         CClientSock::Reply tail;
-        static_cast<void>(req._Recv(tail.data(), std::min(nTail, static_cast<int>(tail.size())), MSG_DONTWAIT));
+        static_cast<void>(
+            req._Recv(tail.data(), std::min(nTail, static_cast<int>(tail.size())), MSG_DONTWAIT));
     }
     m_bOpen = req.IsQuiet();
     req.SetLimit(req.KeptRecvTimeOut(), 2);

@@ -149,9 +149,9 @@ public:
     CExchange(const CExchange&) = delete;
     CExchange& operator=(const CExchange&) = delete;
 
-    /// False: nothing may be sent. The connection has ended, or was ended and made anew while another thread's
-    /// request was awaited; or a signal handler asks something in the middle of the request that it interrupted,
-    /// or keeps another thread's request from its end for 2 T.
+    /// False: nothing may be sent. The connection has ended, or was ended and made anew while another
+    /// thread's request was awaited; or a signal handler asks something in the middle of the request that it
+    /// interrupted, or keeps another thread's request from its end for 2 T.
     bool IsOpen() const noexcept { return m_bOpen; }
     /// The whole reply has been read. Without this call the destructor ends the connection. A few replies
     /// have no known end: up to nTail more bytes that come before the next request are taken for theirs.

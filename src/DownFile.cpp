@@ -169,7 +169,8 @@ bool SetField(SCFileInfo& fi, const char* szName, const char* szValue)
 enum class EHeader
 {
     Cut,   // more of it must come
-    Whole, // its empty line has been seen; one of its lines says something, and the size of a body if there is one
+    Whole, // its empty line has been seen; one of its lines says something, and the size of a body if there
+           // is one
     Bad,   // cannot become a header
 };
 
@@ -370,10 +371,11 @@ EDownload CDownload::Store(CNewFile& file, EBody eBody)
         return EDownload::Failed;
     if (!bPlaced)
         return EDownload::NotStored;
-    if (!m_fi.bGZ && file.File().Seek(0, SEEK_SET))
+    if (!m_fi.bGZ) {
         m_copy.file = std::move(file.File());
-    else if (IsPartOnly(m_copy.st))
-        m_copy.file.Close();
+        if (!m_copy.file.Seek(0, SEEK_SET))
+            m_copy.file.Close();
+    }
     Tell(file, m_nLen, true);
     return m_fi.bGZ ? EDownload::Compressed : EDownload::Complete;
 }

@@ -42,8 +42,8 @@ enum class EDownload
     Failed,   // it broke off, its reply is no header, or more came than was announced: what comes next on the
               // connection is not known, and the caller ends it
     Complete, // the local copy is as the server wants it, and every byte of the reply has been read
-    NotStored, // the connection is as clean, but there is no such copy: it could not be written, or what is
-               // in its place is not to be trusted (then nothing was asked)
+    NotStored,  // the connection is as clean, but there is no such copy: it could not be written, or what is
+                // in its place is not to be trusted (then nothing was asked)
     Compressed, // as Complete, but the server's file is here as ".gz" only, which nobody unpacks
 };
 

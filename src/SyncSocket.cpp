@@ -315,6 +315,13 @@ bool CSyncSocket::IsQuiet() const noexcept
     return pin && ::recv(pin->Get(), &nByte, 1, MSG_PEEK | MSG_DONTWAIT) < 0 && WouldBlock();
 }
 
+bool CSyncSocket::HasPeerEnded() const noexcept
+{
+    const auto pin = PinHandle();
+    pollfd entry{pin ? pin->Get() : -1, POLLRDHUP, 0};
+    return ::poll(&entry, 1, 0) > 0;
+}
+
 CSyncSocket::EWake CSyncSocket::WaitRecv(const CSyncSocket* pOther, long nMs) const
 {
     const auto pin = PinHandle();

@@ -116,6 +116,8 @@ public:
     SOCKET GetHandle() const;
     /// True while the peer has neither sent anything that was not received nor ended the stream.
     bool IsQuiet() const noexcept;
+    /// True once the peer has ended its side, whatever is still to be received.
+    bool HasPeerEnded() const noexcept;
     /// What ended a wait for this socket's next bytes beside another socket.
     enum class EWake
     {

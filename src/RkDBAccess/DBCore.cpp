@@ -172,6 +172,7 @@ EConnect CDBCore::StartReceiving(DWORD nRights)
 {
     m_nRights = nRights;
     m_fork.Renew();
+    m_endSeen.reset();
     m_pRecvLink = std::make_shared<CRecvLink>();
     m_bConnect = true;
     if (rkthread_create(RecvThread, this) == 0)

@@ -18,6 +18,7 @@
 #include <atomic>
 #include <map>
 #include <memory>
+#include <optional>
 #include <vector>
 
 struct SNDrvInfoEx : SNDrvInfo
@@ -146,6 +147,7 @@ private:
     bool AttachReceiver(const std::shared_ptr<const SAlarmReceiver>& pReceiver, size_t& nSkipped);
     EWalk WalkReceive(CRecvBuffer& buffer, CPyThread& python);
     bool Receive(CRecvBuffer& buffer);
+    bool HasRequestEnded();
     bool AwaitReceive(long nMs);
     void AwaitFirstValue(CDBDriver& driver, WORD nTag, CPyThread* pPython);
     bool LoseConnection();
@@ -153,9 +155,11 @@ private:
     StringListPtr LoadStringList(const char* szFile);
 
     CForkMark m_fork;
-    int m_nRefs = 1;                     // interpreter lock
-    bool m_bConnecting = false;          // interpreter lock
-    std::atomic<bool> m_bConnect{false}; // also the receive thread's run flag
+    CSyncSocket::Clock::time_point m_nextLook{};             // receive thread, both
+    std::optional<CSyncSocket::Clock::time_point> m_endSeen; // of the request connection
+    int m_nRefs = 1;                                         // interpreter lock
+    bool m_bConnecting = false;                              // interpreter lock
+    std::atomic<bool> m_bConnect{false};                     // also the receive thread's run flag
     std::shared_ptr<CRecvLink> m_pRecvLink;
     StringListPtr m_textList; // null: not loaded
     StringListPtr m_tagList;

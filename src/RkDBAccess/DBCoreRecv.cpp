@@ -14,6 +14,8 @@ constexpr size_t DRIVER_HEAD = 4; // driver id and tag position
 constexpr auto FIRST_VALUE_STEP = std::chrono::milliseconds(1);
 /// Between two looks whether the request is over that is reading the end of its connection.
 constexpr long REQUEST_STEP_MS = 5;
+constexpr auto LOOK_STEP = std::chrono::milliseconds(100);
+constexpr auto LOOK_GRACE = std::chrono::seconds(1);
 
 std::atomic<int> g_nThreads{0};
 [[maybe_unused]] const int g_nForkHandler = ::pthread_atfork(nullptr, nullptr, [] { g_nThreads = 0; });
@@ -74,9 +76,26 @@ void CDBCore::DoRecv()
     std::this_thread::sleep_for(PAUSE_BEFORE_END);
 }
 
+/// A stream that never pauses is never awaited, so the end of the request connection is looked for now and
+/// then. What came before it has some time to be told of.
+bool CDBCore::HasRequestEnded()
+{
+    const auto now = CSyncSocket::Clock::now();
+    if (now < m_nextLook)
+        return false;
+    m_nextLook = now + LOOK_STEP;
+    if (IsExchanging() || !m_reqSock.HasPeerEnded())
+        m_endSeen.reset();
+    else if (!m_endSeen)
+        m_endSeen = now;
+    return m_endSeen && now - *m_endSeen > LOOK_GRACE;
+}
+
 /// Begins a receive. False when one of the two connections has ended: neither is of use without the other.
 bool CDBCore::Receive(CRecvBuffer& buffer)
 {
+    if (HasRequestEnded())
+        return false;
     int nGot = buffer.Fill(m_rcvSock, MSG_DONTWAIT);
     while (nGot < 0 && AwaitReceive(0))
         nGot = buffer.Fill(m_rcvSock, MSG_DONTWAIT);

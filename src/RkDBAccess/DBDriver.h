@@ -105,10 +105,11 @@ public:
 
     /// Stores the change of one tag and tells the script. data holds what has come in behind the tag
     /// position. Returns the bytes consumed, or one of the NOTIFY_ values of NotifyWalk.h; NOTIFY_STOP for a
-    /// payload that cannot be decoded, NOTIFY_AWAIT as long as AwaitsFirstValue. Receive thread; pPython is null where no interpreter runs.
+    /// payload that cannot be decoded, NOTIFY_AWAIT as long as AwaitsFirstValue. Receive thread; pPython is
+    /// null where no interpreter runs.
     int OnDBNotify(ULONG tagId, std::span<const BYTE> data, CPyThread* pPython);
-    /// True while a subscription request is under way for a slot: a change of it carries no type, and the reply
-    /// may bring another one than the slot has.
+    /// True while a subscription request is under way for a slot: a change of it carries no type, and the
+    /// reply may bring another one than the slot has.
     bool AwaitsFirstValue(ULONG tagId);
 
     const WORD m_drvId;

@@ -158,7 +158,8 @@ XVariant CDBDriver::CopyValue(const STag& tag)
 void CDBDriver::StoreRead(STag& tag, XVariant&& value)
 {
     const CThreadGuard guard(m_lock);
-    // A thread that had to wait for its turn may ask for what has been subscribed meanwhile: changes are newer.
+    // A thread that had to wait for its turn may ask for what has been subscribed meanwhile: changes are
+    // newer.
     if (!tag.bSubscribe)
         tag.value = std::move(value);
 }

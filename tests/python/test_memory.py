@@ -295,10 +295,14 @@ def grown(before):
 """
 
 
-@pytest.mark.parametrize("width", [6, 500])
+@pytest.mark.parametrize("width", [7, 500])
 def test_a_large_directory_takes_less_than_60_mib(play: Play, project: str, width: int) -> None:
-    count = LARGE // (width + 5)
-    body = wire.directory((b"%0*x" % (width, n), n & 0xFFFF, 1) for n in range(count))
+    # Blocks that differ in the first letters of their names only: made one by one, a million records take a minute
+    # under a sanitizer. A client knows 65,536 drivers, which is the first block of short names.
+    blocks = 16
+    count = LARGE // blocks // (width + 5)
+    block = wire.directory((b"@@@%0*x" % (width - 3, n), n, 1) for n in range(count))
+    body = b"".join(block.replace(b"@@@", b"%03x" % number) for number in range(blocks))
     peer = play(d.up_to_directory(project, body) + d.fetching(wire.download_reply(body)))
     script = """
 first, last = sys.argv[2:]
@@ -308,9 +312,8 @@ grown(before)
 core.GetDriver(first)
 core.GetDriver(last)
 """
-    last = min(count, 65536) - 1  # a client knows no more drivers
-    output = passes_alone(AT_PEAK + script, peer.host, f"{0:0{width}x}", f"{last:0{width}x}")
-    print(f"{count} names of {width} bytes:", output)
+    output = passes_alone(AT_PEAK + script, peer.host, f"{0:0{width}x}", f"{count - 1:0{width}x}")
+    print(f"{blocks * count} names of {width} bytes:", output)
 
 
 @pytest.mark.parametrize("width", [1, 190])

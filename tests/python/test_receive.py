@@ -8,7 +8,7 @@ import time
 import dialogue as d
 import pytest
 import wire
-from client import CONNECTED, read, sockets_to
+from client import CONNECTED, has_ended, read, sockets_to
 from conftest import Serve, live_threads, settles
 from dialogue import Steps
 
@@ -48,9 +48,7 @@ PUSHED: dict[str, Steps] = {
     "a text without an end": d.send("rcv", text_without_end(16)),
     "an alarm cut short": d.send("rcv", NOTES[0][:20]),
     "a change cut short": d.send("rcv", CHANGE[:6]),
-    "zeroes": d.send("rcv", bytes(100_000)),
     "ones": d.send("rcv", b"\xff" * 100_000),
-    "rubbish": [step for seed in range(50) for step in d.send("rcv", rubbish(seed, 3000))],
     "small rubbish": [step for seed in range(200) for step in [*d.send("rcv", rubbish(seed, 9)), *d.pause(0.001)]],
 }
 
@@ -62,6 +60,15 @@ def test_requests_go_on_beside_whatever_is_pushed(serve: Serve, pushed: Steps) -
     session.peer.until("pushed")
     assert read(session.boiler, "A") == 8
     session.peer.until("alive")
+
+
+@pytest.mark.parametrize("pushed", [bytes(100_000), rubbish(1, 100_000)], ids=["zeroes", "rubbish"])
+def test_what_cannot_be_told_apart_at_full_speed_ends_the_connection(serve: Serve, pushed: bytes) -> None:
+    # A receive ends where there is no more room, so nobody knows how the next one begins.
+    session = serve(A_IS_7, d.wait("read") + d.send_anyway("rcv", pushed), d.want_eof("rcv", "req"))
+    assert read(session.boiler, "A") == 7
+    session.peer.go("read")
+    has_ended(session)
 
 
 def test_notifications_may_come_before_any_driver_is_asked_for(serve: Serve) -> None:

@@ -10,7 +10,7 @@ import live_wire as w
 import pytest
 import wire
 from client import UNSET, Session, has_ended, read
-from conftest import Serve
+from conftest import Serve, settles
 from live_wire import advise_block, advise_request, advising
 
 UNKNOWN = wire.UNKNOWN
@@ -382,7 +382,7 @@ def test_after_a_loss_only_what_needs_no_traffic_succeeds(serve: Serve) -> None:
 
 
 def test_a_change_that_overtakes_the_reply_is_not_undone_by_it(serve: Serve) -> None:
-    # The tag has a type from an earlier read, so the change can be stored at once.
+    # The tag has a type from an earlier read, but the reply may bring another: the change is stored behind it.
     session = serve(
         d.looking_up(["A"], [5]) + d.reading_numbers([5], [7]),
         d.want("req", advise_request([5])) + w.push(w.change(5, wire.VT_I4, 9)),
@@ -390,7 +390,21 @@ def test_a_change_that_overtakes_the_reply_is_not_undone_by_it(serve: Serve) -> 
     )
     assert read(session.boiler, "A") == 7
     assert session.boiler.ConnectTag("A") == 1
-    assert read(session.boiler, "A") == 9
+    assert settles(lambda: read(session.boiler, "A") == 9)
+
+
+def test_a_change_that_overtakes_the_reply_is_decoded_by_the_type_in_it(serve: Serve) -> None:
+    session = serve(
+        d.looking_up(["A"], [5]) + d.reading_numbers([5], [7]),
+        d.want("req", advise_request([5])) + w.push(w.change(5, wire.VT_R8, 2.5), w.change(5, wire.VT_R8, 3.5)),
+        d.pause(0.1) + d.send("req", advise_block([wire.typed(wire.VT_R8, 1.5)])),
+    )
+    told: list[object] = []
+    session.boiler.SetTagNotify(lambda *change: told.append(change[2]))
+    assert read(session.boiler, "A") == 7
+    assert session.boiler.ConnectTag("A") == 1
+    assert settles(lambda: told == [2.5, 3.5])
+    assert read(session.boiler, "A") == 3.5
 
 
 def test_a_first_change_that_overtakes_the_reply_is_not_lost(serve: Serve) -> None:

@@ -248,7 +248,7 @@ TEST_F(DriverOvertaken, AChangeThatOvertakesAnotherValueOfAKnownTypeWins)
     EXPECT_EQ(Read(*m_pA, "a"), "3");
 }
 
-TEST_F(DriverOvertaken, AReplyWithAnotherTypeThanTheOldValuesWins)
+TEST_F(DriverOvertaken, AChangeThatOvertakesAReplyIsDecodedByTheTypeInIt)
 {
     {
         const CPlay play([&] {
@@ -259,11 +259,14 @@ TEST_F(DriverOvertaken, AReplyWithAnotherTypeThanTheOldValuesWins)
     }
     const CPlay play([&] {
         m_req.Want(Request({1}));
-        EXPECT_EQ(Core().OnDBNotify(Change(0, 1, U32(3)), nullptr), 8); // in place of the receive thread
+        m_rcv.Send(Change(0, 1, Text("newer")) + Change(0, 7, U32(1)));
+        EXPECT_TRUE(WaitUntil([&] { return Pending(Core().m_rcvSock) == 0; }));
+        std::this_thread::sleep_for(std::chrono::milliseconds(100));
         m_req.Send(Block(Typed(VT_STR, Text("new type"))));
     });
     EXPECT_TRUE(m_pA->_ConnectTag("a"));
-    EXPECT_EQ(Read(*m_pA, "a"), "'new type'") << "what overtook it was decoded as something else";
+    EXPECT_TRUE(WaitUntil([&] { return Read(*m_pA, "probe") == "1"; }));
+    EXPECT_EQ(Read(*m_pA, "a"), "'newer'") << "decoded as what the reply says, and stored behind it";
 }
 
 TEST_F(DriverOvertaken, ANewSubscriptionsValueIsNotHeldBackByAChangeOfLongAgo)

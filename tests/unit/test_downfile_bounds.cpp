@@ -194,8 +194,9 @@ TEST_F(BoundDownload, LeavesOpenTheCopyThatItFoundRight)
     EXPECT_EQ(Copied(), "abc");
     EXPECT_EQ(Answered("Append:Yes\r\nSize:1\r\n\r\nd"), EDownload::Complete);
     EXPECT_EQ(Copied(), "abcd");
-    EXPECT_EQ(Answered("GZ:Yes\r\nSize:1\r\n\r\nz"), EDownload::Complete);
-    EXPECT_EQ(Copied(), "abcd") << "the compressed form is not the file";
+    EXPECT_EQ(Answered("GZ:Yes\r\nSize:1\r\n\r\nz"), EDownload::Compressed);
+    EXPECT_FALSE(copy.IsOpen()) << "the file that is there is an older one";
+    EXPECT_EQ(Content(), "abcd");
     EXPECT_EQ(Answered("Exist:No\r\n\r\n"), EDownload::Complete);
     EXPECT_FALSE(copy.IsOpen());
 }
@@ -249,7 +250,7 @@ TEST_F(PartOfAFile, IsReadByNobody)
     XFile file;
     EXPECT_EQ(OpenMirrorFile(Path(), file), EMirror::Refused);
     EXPECT_FALSE(file.IsOpen());
-    EXPECT_EQ(Asked("GZ:Yes\r\nSize:1\r\n\r\nz"), EDownload::Complete);
+    EXPECT_EQ(Asked("GZ:Yes\r\nSize:1\r\n\r\nz"), EDownload::Compressed);
     EXPECT_FALSE(copy.IsOpen());
 }
 
