@@ -78,8 +78,8 @@ class DBCore:
             -3  the server answered something that is no part of this protocol, or named no usable project.
 
         Takes at most twice the time-out (8 s direct, 13 s relayed) for each answer it waits for, and for a download as
-        long as 4 KiB come in each time-out. Called again on a
-        connected object it first ends the connection, then connects anew.
+        long as 4 KiB come in each time-out. Called again on a connected object it first ends the connection, then
+        connects anew.
         """
 
     def GetDriver(self, name: str, /) -> Driver:
@@ -97,7 +97,7 @@ class DBCore:
         fn: called with ten positional arguments:
             1. alarm time: naive `datetime` in this machine's local time zone, whole seconds; the server's clock;
             2. event time: likewise, the time of the later event of this alarm; the alarm time when there is none;
-            3. tag name: from the project's tag list; "???" when the list does not hold it;
+            3. tag name: from the project's tag list; "???" when the list does not hold it or could not be stored;
             4. has event: 1 when the server gave an event time, else 0;
             5. alarm type: text from the project's text list, or "???";
             6. alarm group: likewise;

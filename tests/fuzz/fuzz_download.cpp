@@ -189,13 +189,17 @@ struct SWanted
         if (!header.bWhole || !header.SaysSomething() || header.nLength > 2048)
             return;
         const bool bBody = header.Says("exist", true) && !header.Says("uselast", false);
+        if (bBody && !header.values.contains("size"))
+            return;
         const std::string strBody = strGot.substr(header.nLength);
         if (bBody)
             Fetch(strBody, header);
         if (bBody || !strBody.empty())
             return;
         const bool bKept = header.Says("exist", true);
-        eResult = bKept && !files.contains("f") ? EDownload::NotStored : EDownload::Complete;
+        eResult = !bKept || files.contains("f") ? EDownload::Complete
+                  : files.contains("f.gz")      ? EDownload::Compressed
+                                                : EDownload::NotStored;
         if (!bKept)
             files.erase("f");
     }
@@ -210,7 +214,7 @@ struct SWanted
             return;
         files[strName] = strOld + strBody;
         if (strBody.size() == nSize)
-            eResult = EDownload::Complete;
+            eResult = header.Says("gz", false) ? EDownload::Compressed : EDownload::Complete;
     }
 
     Files files;

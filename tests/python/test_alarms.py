@@ -421,6 +421,36 @@ def test_without_a_connection_nothing_is_registered(serve: Serve) -> None:
     assert register(session, 1) == []
 
 
+FULL_DISK = """
+import resource, sys
+from client import connect
+def texts():
+    calls = []
+    core = connect(sys.argv[1])
+    core.SetRtAlarmNotify(lambda *alarm: calls.append((alarm[2], alarm[4])), 1)
+    return calls
+assert texts() == [("FIC101", "high")]
+resource.setrlimit(resource.RLIMIT_FSIZE, (100, resource.RLIM_INFINITY))
+assert texts() == [("FIC101", "???")]
+"""
+
+
+def test_a_list_that_cannot_be_written_gives_question_marks_and_not_the_old_texts(play: Play, project: str) -> None:
+    tag_list = list_file(TAGS)
+    once = d.want("req", w.ALARM) + d.send("req", alarm_reply([Alarm(kind=0)]))
+    new = list_file([f"{n:050d}" for n in range(10)])
+    again = d.up_to_login(project, size=len(wire.directory(d.DRIVERS))) + d.logging_in() + once
+    again += d.fetching(
+        wire.download_reply(new, w.FILE_TIME + 9),
+        wire.download_request(w.TEXT_LIST, last=(w.FILE_TIME, len(list_file(TEXTS)))),
+    )
+    again += d.fetching(
+        wire.download_header(UseLast="Yes"), wire.download_request(w.TAG_LIST, last=(w.FILE_TIME, len(tag_list)))
+    )
+    peer = play(d.connecting(project) + once + w.fetching_lists() + d.want_eof("req", "rcv") + again)
+    passes_alone(FULL_DISK, peer.host)
+
+
 def test_surplus_behind_the_records_is_no_list(serve: Serve) -> None:
     surplus = wire.download_reply(list_file(["false"] * 3), w.FILE_TIME)
     failed(serve, d.send("req", alarm_reply([FULL]) + surplus))

@@ -75,7 +75,7 @@ def test_a_request_that_waited_is_not_sent_on_the_next_connection(
 ) -> None:
     known = d.looking_up(["A"], [5]) + d.reading_numbers([5], [7])
     first = play(d.connecting(project, rights=w.MAY_WRITE) + known + ASKED + RUNG + d.want_eof("req", "rcv"))
-    second = play(d.connecting(project + "2", rights=w.MAY_WRITE) + d.quiet("req", 0.5))
+    second = play(d.connecting(project + "2", rights=w.MAY_WRITE) + d.quiet("req", 0.5) + d.tell("silent"))
     core = connect(first.host)
     boiler = core.GetDriver("Boiler")
     assert read(boiler, "A") == 7
@@ -93,6 +93,8 @@ def test_a_request_that_waited_is_not_sent_on_the_next_connection(
     assert result == 0
     assert other.join() == [failed]
     first.finish()
+    second.until("silent")
+    assert core.GetDriver("Boiler") is not None
     del core
     second.finish()
 

@@ -34,6 +34,20 @@ TEST_F(CoreEnds, TheEndOfTheRequestConnectionIsSeenInsideANotification)
     EXPECT_TRUE(WaitWhileOthersRun([&] { return !Core().IsConnected(); }));
 }
 
+TEST_F(CoreEnds, TheEndOfTheRequestConnectionIsSeenBesideAStreamThatNeverPauses)
+{
+    Subscribe(*m_pA, {{"n", 1, Typed(VT_I4, U32(0))}});
+    StartReceiving();
+    const Bytes changes = Change(0, 1, U32(5)) * 10'000;
+    const CPlay play([&] {
+        while (m_rcv.Send(changes)) { // until the client has ended it
+        }
+    });
+    EXPECT_TRUE(WaitWhileOthersRun([&] { return Read(*m_pA, "n") == "5"; }));
+    m_req.Close();
+    EXPECT_TRUE(WaitWhileOthersRun([&] { return !Core().IsConnected(); }));
+}
+
 TEST_F(CoreEnds, AForkedCopyAnswersNothingAndGoesWithoutAWordToTheServer)
 {
     Subscribe(*m_pA, {{"n", 1, Typed(VT_I4, U32(0))}});
