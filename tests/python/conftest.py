@@ -45,6 +45,27 @@ def mirror(host: str, project: str) -> Path:
     return mirror_host(host) / project
 
 
+def pytest_addoption(parser: pytest.Parser) -> None:
+    parser.addoption("--cases", type=int, help="run so many cases of each parametrized test at most, spread evenly")
+
+
+def pytest_collection_modifyitems(config: pytest.Config, items: list[pytest.Item]) -> None:
+    """Fewer cases of the tests that have many, where each takes long: the cases differ in their data alone."""
+    most = config.getoption("--cases")
+    if most is None:
+        return
+    cases: dict[tuple[str, str], list[pytest.Item]] = {}
+    for item in items:
+        cases.setdefault((str(item.path), item.name.split("[")[0]), []).append(item)
+    kept = {
+        same[number * len(same) // min(most, len(same))]
+        for same in cases.values()
+        for number in range(min(most, len(same)))
+    }
+    config.hook.pytest_deselected(items=[item for item in items if item not in kept])
+    items[:] = [item for item in items if item in kept]
+
+
 @pytest.hookimpl(wrapper=True)
 def pytest_runtest_makereport(item: pytest.Item) -> Iterator[None]:
     report = yield
