@@ -345,8 +345,8 @@ CExchange::CExchange(CClientSock& sock) : m_sock(sock)
     const unsigned nConnection = sock.m_nConnection;
     if (!sock.BeginExchange())
         return;
-    if (nConnection !=
-        sock.m_nConnection) { // while this thread waited: what it wants to ask is of another server
+    // While this thread waited, the script may have connected anew, perhaps to another server.
+    if (nConnection != sock.m_nConnection) {
         sock.m_bExchanging = false;
         return;
     }

@@ -198,11 +198,11 @@ int CDBCore::OnDriverNotify(WORD nDriver, std::span<const BYTE> bytes, CPyThread
     const CDriverRef driver = DriverAt(nDriver);
     if (!driver)
         return NOTIFY_STOP;
-    int nValue = NOTIFY_AWAIT;
-    while (nValue == NOTIFY_AWAIT && m_bConnect) {
+    int nValue = 0;
+    do {
         AwaitFirstValue(*driver.Get(), nTag, pPython);
         nValue = driver->OnDBNotify(nTag, reader.Rest(), pPython);
-    }
+    } while (nValue == NOTIFY_AWAIT && m_bConnect);
     if (nValue == NOTIFY_AWAIT)
         return NOTIFY_CUT; // the connection has ended
     return nValue > 0 ? nValue + static_cast<int>(DRIVER_HEAD) : nValue;

@@ -11,9 +11,9 @@ add_executable(unit_core
   test_dbdriver_names.cpp test_dbdriver_notify.cpp test_dbdriver_values.cpp test_dbdriver_write.cpp
   test_disturbed.cpp test_pyglue.cpp test_recvbuffer.cpp test_recvlink.cpp test_storm.cpp)
 target_link_libraries(unit_core PRIVATE core_fixture)
-gtest_discover_tests(unit_core DISCOVERY_TIMEOUT 60 PROPERTIES TIMEOUT 240)
+rkdb_unit_tests(unit_core)
 
 # Apart from the others for its operator new.
 add_executable(unit_nomemory refusing_new.cpp test_nomemory.cpp)
 target_link_libraries(unit_nomemory PRIVATE core_fixture)
-gtest_discover_tests(unit_nomemory DISCOVERY_TIMEOUT 60 PROPERTIES TIMEOUT 240)
+rkdb_unit_tests(unit_nomemory)
