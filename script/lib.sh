@@ -6,12 +6,6 @@ root=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
 cd "$root"
 venv="$root/.venv"
 
-# Sanitized builds and fresh clones compile the same files again and again; with ccache they take seconds.
-# Paths below the checkout are hashed as relative ones, so that a clone elsewhere finds them too.
-if command -v ccache >/dev/null; then
-    export CMAKE_CXX_COMPILER_LAUNCHER=ccache CCACHE_BASEDIR="$root" CCACHE_NOHASHDIR=1
-fi
-
 say() { printf '\n== %s\n' "$*"; }
 die() { printf '%s: %s\n' "${0##*/}" "$*" >&2; exit 1; }
 
@@ -23,6 +17,12 @@ werror=${RKDB_WERROR:-OFF}
 configure() {
     local preset=$1 log="build/$1-configure.log"
     shift
+    # The presets, the wheel and fresh clones compile the same files again and again; with ccache they take seconds.
+    # Paths below the checkout are hashed as relative ones, so that a clone elsewhere finds them too. Asked here and
+    # not at the top, where on a fresh machine script/bootstrap has not yet installed it.
+    if command -v ccache >/dev/null; then
+        export CMAKE_CXX_COMPILER_LAUNCHER=ccache CCACHE_BASEDIR="$root" CCACHE_NOHASHDIR=1
+    fi
     mkdir -p build
     if ! cmake --preset "$preset" -DPython_EXECUTABLE="$venv/bin/python" -DRKDB_WERROR="$werror" "$@" >"$log" 2>&1; then
         cat "$log" >&2

@@ -29,8 +29,8 @@ public:
     explicit CDeadline(long nMs, Clock::rep nLimit = Clock::time_point::max().time_since_epoch().count())
         : m_end(Clock::duration(nLimit))
     {
-        if (nMs > 0 && nMs < CSyncSocket::LONGEST_MS)
-            m_end = std::min(m_end, Clock::now() + std::chrono::milliseconds(nMs));
+        if (const auto end = CSyncSocket::FromNow(nMs, 1))
+            m_end = std::min(m_end, *end);
     }
 
     /// Waits until the descriptor is ready: 1 ready, 0 expired, -1 failed or ended by the thread's WaitHook.

@@ -570,7 +570,8 @@ boiler.SetTagNotify(on_change)
 caught = 0
 try:
     {SUBSCRIBE}
-    time.sleep(30)
+    for _ in range(3000):  # one long sleep would not notice a signal that came just before it
+        time.sleep(0.01)
 except KeyboardInterrupt:
     caught += 1
 until(lambda: len(seen) == 20000)

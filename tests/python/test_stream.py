@@ -15,7 +15,10 @@ import wire
 from client import connect, has_ended, read
 from conftest import Play, Serve, settles
 from live_wire import Alarm, change, push
+from peer import Peer
 from watching import I4, STR, A, Changes, arrived, watch, watched
+
+from RkDBAccess import DBCore
 
 # The walk: the length of every notification, shown by the change that stands behind it.
 
@@ -72,17 +75,23 @@ UNWALKABLE = {
 }
 
 
+def told_without_the_station(peer: Peer, names: str) -> tuple[DBCore, Changes]:
+    """The changes of some of the boiler's tags; nobody asks for the station, the directory's other driver."""
+    core = connect(peer.host)
+    boiler = core.GetDriver("Boiler")
+    changes: Changes = []
+    boiler.SetTagNotify(lambda *one: changes.append(one))
+    assert boiler.ConnectTag(names) == 1
+    peer.go("watching")
+    return core, changes
+
+
 def test_what_cannot_be_walked_past_ends_its_receive_and_no_more(play: Play, project: str) -> None:
     pushed: d.Steps = []
     for number, note in enumerate(UNWALKABLE.values()):
         pushed += push(change(0, I4, number), note, change(0, I4, 666), change(1, STR, b"666")) + d.pause(0.06)
     peer = play(d.connecting(project) + w.subscribing_kinds([I4, STR]) + d.wait("watching") + pushed)
-    core = connect(peer.host)
-    boiler = core.GetDriver("Boiler")  # and not the other driver
-    changes: Changes = []
-    boiler.SetTagNotify(lambda *one: changes.append(one))
-    assert boiler.ConnectTag("T0,T1") == 1
-    peer.go("watching")
+    _, changes = told_without_the_station(peer, "T0,T1")
     arrived(changes, [("Boiler", "T0", number) for number in range(len(UNWALKABLE))])
 
 
@@ -94,12 +103,7 @@ def test_what_cannot_be_walked_past_in_a_full_receive_ends_the_connection(
     burst = push(change(0, I4, 1), note, *[change(0, I4, 1280)] * 700)
     steps = d.connecting(project) + w.subscribing_kinds([I4]) + d.wait("watching") + burst
     peer = play(steps + d.want_eof("req", "rcv"))
-    core = connect(peer.host)
-    boiler = core.GetDriver("Boiler")  # and not the other driver
-    changes: Changes = []
-    boiler.SetTagNotify(lambda *one: changes.append(one))
-    assert boiler.ConnectTag("T0") == 1
-    peer.go("watching")
+    core, changes = told_without_the_station(peer, "T0")
     peer.finish()
     assert changes == [("Boiler", "T0", 1)]
     with pytest.raises(SystemError):

@@ -298,6 +298,7 @@ void CDBCoreTest::TearDown()
     EXPECT_TRUE(WaitForThreads()) << "a receive thread goes on";
     EXPECT_FALSE(PyErr_Occurred());
     EXPECT_EQ(CountDescriptors(), m_nDescriptors);
+    m_projectDir.reset();
 }
 
 void CDBCoreTest::DeleteCore()
@@ -320,6 +321,14 @@ void CDBCoreTest::Attach(long nTimeOut)
     m_rcv = CFarEnd::Meet(Core().m_rcvSock);
     Core().m_reqSock.SetTimeOut(nTimeOut);
     Core().m_rcvSock.SetTimeOut(FAR_WAIT_MS); // a walk that awaits what never comes shall fail, not hang
+}
+
+void CDBCoreTest::UseProjectDir(std::initializer_list<const char*> folders)
+{
+    m_projectDir.emplace();
+    for (const char* szFolder : folders)
+        std::filesystem::create_directory(ProjectDir() / szFolder);
+    Core().m_strPrjPath = CString(ProjectDir().string() + "/");
 }
 
 void CDBCoreTest::AddDriver(const char* szName, WORD nId, WORD nTags)

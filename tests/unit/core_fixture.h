@@ -9,12 +9,15 @@
 
 #include "DBCore.h"
 #include "rkdb.h"
+#include "temp_dir.h"
 
 #include <bit>
 #include <chrono>
+#include <filesystem>
 #include <functional>
 #include <gtest/gtest.h>
 #include <initializer_list>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <thread>
@@ -228,6 +231,9 @@ protected:
 
     /// Connects both sockets to m_req and m_rcv.
     void Attach(long nTimeOut = 5000);
+    /// Gives the core a directory of its own for the project's files, with these folders.
+    void UseProjectDir(std::initializer_list<const char*> folders);
+    std::filesystem::path ProjectDir() const { return m_projectDir.value().Path(); }
     /// Puts a driver into the directory, and slots for all ids into the table.
     void AddDriver(const char* szName, WORD nId, WORD nTags);
     /// Names of drivers whose entries are in the directory; the table has nSlots null slots.
@@ -272,6 +278,7 @@ protected:
 
 private:
     size_t m_nDescriptors = 0;
+    std::optional<CTempDir> m_projectDir;
 };
 
 /// A core with two drivers behind attached sockets: "A" (id 0, 8 tags) and "B" (id 1, 2000 tags).

@@ -25,13 +25,12 @@ inline std::string WantScrambled(CSyncSocket& sock, char chCmd, size_t nPlain)
     return plain;
 }
 
-inline void SendScrambled(CSyncSocket& sock, const std::string& plain)
+inline std::string Scrambled(const std::string& plain)
 {
-    std::vector<BYTE> out(plain.size() / 3 * 4 + 4);
-    const UINT nLen =
-        EncryptPacket(static_cast<UINT>(plain.size()), reinterpret_cast<const BYTE*>(plain.data()),
-                      static_cast<UINT>(out.size()), out.data());
-    Send(sock, std::string_view(reinterpret_cast<const char*>(out.data()), nLen));
+    std::string wire(plain.size() / 3 * 4 + 4, '\0');
+    wire.resize(EncryptPacket(static_cast<UINT>(plain.size()), reinterpret_cast<const BYTE*>(plain.data()),
+                              static_cast<UINT>(wire.size()), reinterpret_cast<BYTE*>(wire.data())));
+    return wire;
 }
 
 inline std::string HostName()
@@ -83,16 +82,23 @@ struct SServed
     }
 };
 
-/// Plays the server's side of a handshake up to its registration reply, which is given in its plain form.
-inline void Serve(CLoopback& self, SServed& served, const std::string& strAck, size_t nOpenLen = 16,
-                  const std::string& strReply = "7")
+/// Plays the server's side of a handshake up to the register request, whose reply is the test's.
+inline void ServeUpToRegister(CLoopback& self, SServed& served, size_t nOpenLen = 16,
+                              const std::string& strReply = "7")
 {
     self.Accept(served.req);
     served.strOpen = WantScrambled(served.req, '7', nOpenLen);
     Send(served.req, strReply);
     self.Accept(served.rcv);
     served.strRegister = WantScrambled(served.rcv, '8', HostName().size() + 19);
-    SendScrambled(served.rcv, strAck);
+}
+
+/// Plays the server's side of a handshake; its registration reply is given in its plain form.
+inline void Serve(CLoopback& self, SServed& served, const std::string& strAck, size_t nOpenLen = 16,
+                  const std::string& strReply = "7")
+{
+    ServeUpToRegister(self, served, nOpenLen, strReply);
+    Send(served.rcv, Scrambled(strAck));
 }
 
 /// A redirect to an address: "7lan", the address and the port, both in network order.

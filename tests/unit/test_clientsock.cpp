@@ -195,25 +195,16 @@ TEST(ConnectDB, AwaitsTheEndsOfBothTexts)
 
 TEST(ConnectDB, ReadsARegisterReplyThatIsSplitAnywhere)
 {
-    const std::string plain = Ack();
-    std::vector<BYTE> wire(plain.size() / 3 * 4 + 4);
-    wire.resize(EncryptPacket(static_cast<UINT>(plain.size()), reinterpret_cast<const BYTE*>(plain.data()),
-                              static_cast<UINT>(wire.size()), wire.data()));
+    const std::string wire = Scrambled(Ack());
     for (size_t nSplit = 1; nSplit < wire.size(); ++nSplit) {
         CLoopback server;
         server.Run([&](CLoopback& self) {
-            CSyncSocket req;
-            CSyncSocket rcv;
-            self.Accept(req);
-            WantScrambled(req, '7', 16);
-            Send(req, "7");
-            self.Accept(rcv);
-            WantScrambled(rcv, '8', HostName().size() + 19);
-            const std::string_view bytes(reinterpret_cast<const char*>(wire.data()), wire.size());
-            Send(rcv, bytes.substr(0, nSplit));
+            SServed served;
+            ServeUpToRegister(self, served);
+            Send(served.rcv, wire.substr(0, nSplit));
             std::this_thread::sleep_for(std::chrono::milliseconds(3));
-            Send(rcv, bytes.substr(nSplit));
-            WantEnd(rcv);
+            Send(served.rcv, wire.substr(nSplit));
+            WantEnd(served.rcv);
         });
         CClientSock client;
         const SHandshake done = Connect(client, server.Host());
@@ -292,14 +283,17 @@ TEST(ConnectDB, TellsRefusalsOfTheRegisterRequestFromOtherReplies)
     } rows[] = {{"0", 1244},      {"8", 1},        {"00", 1}, {Ack().substr(0, 59), 1},
                 {Ack(0, '9'), 1}, {Ack(0, '0'), 1}};
     for (const auto& row : rows) {
+        CClientSock client;
         CLoopback server;
-        server.Run([&row](CLoopback& self) {
+        server.Run([&](CLoopback& self) {
             SServed served;
-            Serve(self, served, row.strPlain);
+            ServeUpToRegister(self, served);
+            client.m_rcvSock.SetRecvTimeOut(500); // of its own it awaits the rest of a text for 8 s
+            Send(served.rcv, Scrambled(row.strPlain));
             served.WantEnds();
         });
-        CClientSock client;
         EXPECT_EQ(Connect(client, server.Host()).nResult, row.nResult) << row.strPlain.size();
+        client.StopSock();
     }
 }
 
@@ -308,14 +302,9 @@ TEST(ConnectDB, FailsWhenTheRegisterReplyCannotBeUnscrambledOrNeverComes)
     for (const std::string strRaw : {"", "0", "12345"}) { // 1 and 5: lengths that no scrambling has
         CLoopback server;
         server.Run([&strRaw](CLoopback& self) {
-            CSyncSocket req;
-            self.Accept(req);
-            WantScrambled(req, '7', 16);
-            Send(req, "7");
-            CSyncSocket rcv;
-            self.Accept(rcv);
-            WantScrambled(rcv, '8', HostName().size() + 19);
-            Send(rcv, strRaw);
+            SServed served;
+            ServeUpToRegister(self, served);
+            Send(served.rcv, strRaw);
         });
         CClientSock client;
         EXPECT_EQ(Connect(client, server.Host()).nResult, 1) << strRaw;

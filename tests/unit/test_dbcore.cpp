@@ -293,16 +293,7 @@ protected:
     void SetUp() override
     {
         CDriverTest::SetUp();
-        m_strDir = ::testing::TempDir() + "unit_core_XXXXXX";
-        ASSERT_NE(::mkdtemp(m_strDir.data()), nullptr);
-        for (const char* sz : {"/RecData", "/Media", "/Window"})
-            std::filesystem::create_directory(m_strDir + sz);
-        Core().m_strPrjPath = CString(m_strDir + "/");
-    }
-    void TearDown() override
-    {
-        CDriverTest::TearDown();
-        std::filesystem::remove_all(m_strDir);
+        UseProjectDir({"RecData", "Media", "Window"});
     }
     int Get(const char* szFile, const std::string& strRequest, std::string_view reply)
     {
@@ -317,18 +308,17 @@ protected:
     /// A local copy of ten bytes with this time.
     void Put(const char* szFile, time_t nTime)
     {
-        std::ofstream(m_strDir + "/" + szFile) << "0123456789";
+        std::ofstream(ProjectDir() / szFile) << "0123456789";
         std::filesystem::last_write_time(
-            m_strDir + "/" + szFile,
+            ProjectDir() / szFile,
             std::filesystem::file_time_type::clock::from_sys(std::chrono::system_clock::from_time_t(nTime)));
     }
     std::string Content(const char* szFile)
     {
-        std::ifstream file(m_strDir + "/" + szFile);
+        std::ifstream file(ProjectDir() / szFile);
         return std::string(std::istreambuf_iterator<char>(file), {});
     }
 
-    std::string m_strDir;
     std::map<CString, SNFileInfo> m_files;
 };
 
@@ -360,7 +350,7 @@ TEST_F(ProjectFile, ElsewhereAFileThatIsNotListedIsDeletedWithoutAWord)
     EXPECT_EQ(Core().GetPrjFile("Window/old.wnd", m_files), 1);
     EXPECT_EQ(Core().GetPrjFile("Window/old.wnd", m_files), 1) << "nor does it matter that it is gone";
     EXPECT_EQ(Core().GetPrjFile("mediation/x", m_files), 1);
-    EXPECT_FALSE(std::filesystem::exists(m_strDir + "/Window/old.wnd"));
+    EXPECT_FALSE(std::filesystem::exists(ProjectDir() / "Window/old.wnd"));
     EXPECT_TRUE(m_req.IsSilent());
 }
 

@@ -45,11 +45,7 @@ protected:
         ::setenv("TZ", "TST-8", 1);
         ::tzset();
         CDriverTest::SetUp();
-        std::string strDir = ::testing::TempDir() + "unit_core_XXXXXX";
-        ASSERT_NE(::mkdtemp(strDir.data()), nullptr);
-        m_dir = strDir;
-        std::filesystem::create_directory(m_dir / "RecData");
-        Core().m_strPrjPath = CString(m_dir.string() + "/");
+        UseProjectDir({"RecData"});
         m_fn = MakeCallable([this](PyObject* pArgs) {
             m_calls.push_back(Repr(pArgs));
             return None();
@@ -59,13 +55,12 @@ protected:
     {
         m_fn.reset();
         CDriverTest::TearDown();
-        std::filesystem::remove_all(m_dir);
         ::unsetenv("TZ");
         ::tzset();
     }
     CStringList Lines(std::string_view text)
     {
-        const auto path = m_dir / "list";
+        const auto path = ProjectDir() / "list";
         std::ofstream(path, std::ios::binary) << text;
         CStringList list;
         InitStringList(CString(path.string()), list);
@@ -98,7 +93,6 @@ protected:
         EXPECT_EQ(Core()._SetRtAlarmNotify(m_fn.get(), bExisting), 0);
     }
 
-    std::filesystem::path m_dir;
     CPyRef m_fn;
     std::vector<std::string> m_calls;
 };
@@ -180,28 +174,28 @@ TEST_F(StringLists, AListHasABoundOfItsEntries)
 TEST_F(StringLists, AFileThatIsNotToBeTrustedLeavesTheListEmpty)
 {
     EXPECT_EQ(Lines("planted\n"), CStringList{"planted"});
-    std::filesystem::create_symlink(m_dir / "list", m_dir / "link");
+    std::filesystem::create_symlink(ProjectDir() / "list", ProjectDir() / "link");
     CStringList list;
-    InitStringList(CString((m_dir / "link").string()), list);
+    InitStringList(CString((ProjectDir() / "link").string()), list);
     EXPECT_TRUE(list.empty());
-    std::filesystem::permissions(m_dir / "list", std::filesystem::perms::others_write,
+    std::filesystem::permissions(ProjectDir() / "list", std::filesystem::perms::others_write,
                                  std::filesystem::perm_options::add);
-    InitStringList(CString((m_dir / "list").string()), list);
+    InitStringList(CString((ProjectDir() / "list").string()), list);
     EXPECT_TRUE(list.empty());
 }
 
 TEST_F(StringLists, AListWithEntriesIsLeftAlone)
 {
-    std::ofstream(m_dir / "list") << "new\n";
+    std::ofstream(ProjectDir() / "list") << "new\n";
     CStringList list{"old"};
-    InitStringList(CString((m_dir / "list").string()), list);
+    InitStringList(CString((ProjectDir() / "list").string()), list);
     EXPECT_EQ(list, CStringList{"old"});
 }
 
 TEST_F(StringLists, AMissingFileLeavesTheListEmpty)
 {
     CStringList list;
-    InitStringList(CString((m_dir / "none").string()), list);
+    InitStringList(CString((ProjectDir() / "none").string()), list);
     EXPECT_TRUE(list.empty());
 }
 

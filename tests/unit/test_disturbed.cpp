@@ -176,11 +176,7 @@ protected:
     {
         ::setenv("TZ", "UTC0", 1);
         CDisturbed::SetUp();
-        std::string strDir = ::testing::TempDir() + "unit_core_XXXXXX";
-        ASSERT_NE(::mkdtemp(strDir.data()), nullptr);
-        m_dir = strDir;
-        std::filesystem::create_directory(m_dir / "RecData");
-        Core().m_strPrjPath = CString(m_dir.string() + "/");
+        UseProjectDir({"RecData"});
         m_fn = MakeCallable([this](PyObject* pArgs) {
             m_told.push_back(Repr(pArgs));
             return None();
@@ -191,7 +187,6 @@ protected:
         m_fn.reset();
         m_told.clear();
         CDisturbed::TearDown();
-        std::filesystem::remove_all(m_dir);
         ::unsetenv("TZ");
     }
 
@@ -217,7 +212,6 @@ protected:
         return "failed " + std::to_string(nResult);
     }
 
-    std::filesystem::path m_dir;
     CPyRef m_fn;
     std::vector<std::string> m_told;
 };

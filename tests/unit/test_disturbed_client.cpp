@@ -4,6 +4,7 @@
 #include "DownFile.h"
 
 #include "peer.h"
+#include "temp_dir.h"
 
 #include <cstdlib>
 #include <filesystem>
@@ -77,13 +78,6 @@ class DisturbedDownload : public testing::Test
 protected:
     static constexpr time_t FILE_TIME = 0x60000000;
 
-    void SetUp() override
-    {
-        std::string strTemplate = (fs::temp_directory_path() / "rkdb_disturbed_XXXXXX").string();
-        dir = ::mkdtemp(strTemplate.data());
-    }
-    void TearDown() override { fs::remove_all(dir); }
-
     EDownload Get(CSyncSocket& sock, unsigned long size = 0)
     {
         return DownloadFile("f.dat", sock, '4', (dir + "/").c_str(), size ? FILE_TIME : 0, size, nullptr,
@@ -101,7 +95,8 @@ protected:
         return {std::istreambuf_iterator<char>(file), {}};
     }
 
-    std::string dir;
+    const CTempDir temp;
+    const std::string dir = temp.Path();
 };
 
 TEST_F(DisturbedDownload, GivesTheWholeFileOrFailsAndNoPartIsBelieved)
@@ -155,25 +150,16 @@ struct SHandshaking
 /// A receive that begins before its first byte has the time-out of the handshake, 8 s.
 TEST(DisturbedHandshake, ARegisterReplyIsWholeOrFails)
 {
-    const std::string plain = Ack();
-    std::vector<BYTE> wire(plain.size() / 3 * 4 + 4);
-    wire.resize(EncryptPacket(static_cast<UINT>(plain.size()), reinterpret_cast<const BYTE*>(plain.data()),
-                              static_cast<UINT>(wire.size()), wire.data()));
-    const std::string strReply(wire.begin(), wire.end());
+    const std::string strReply = Scrambled(Ack());
     AtEveryByte(strReply.size(), [&](SDisturbance& disturbance) {
         SHandshaking handshake;
         CLoopback server;
         server.Run([&](CLoopback& self) {
-            CSyncSocket req;
-            CSyncSocket rcv;
-            self.Accept(req);
-            WantScrambled(req, '7', 16);
-            Send(req, "7");
-            self.Accept(rcv);
-            WantScrambled(rcv, '8', HostName().size() + 19);
+            SServed served;
+            ServeUpToRegister(self, served);
             if (disturbance.eDisturb == EDisturb::Stall)
                 handshake.client.m_rcvSock.SetRecvTimeOut(T_MS);
-            disturbance.Send(rcv, strReply);
+            disturbance.Send(served.rcv, strReply);
         });
         handshake.Connect(server.Host(), disturbance);
         server.Join();

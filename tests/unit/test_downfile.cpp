@@ -2,6 +2,7 @@
 #include "DownFile.h"
 
 #include "loopback.h"
+#include "temp_dir.h"
 
 #include <cstdlib>
 #include <deque>
@@ -65,13 +66,6 @@ public:
 class GetFileTest : public testing::Test
 {
 protected:
-    void SetUp() override
-    {
-        std::string strTemplate = (fs::temp_directory_path() / "rkdb_down_XXXXXX").string();
-        dir = ::mkdtemp(strTemplate.data());
-    }
-    void TearDown() override { fs::remove_all(dir); }
-
     int Get(unsigned long mtime = 0, unsigned long size = 0, const char* szAddP2p = nullptr)
     {
         return GetFile("f.dat", sock, '4', (dir + "/").c_str(), mtime, size, &progress, szAddP2p);
@@ -95,7 +89,8 @@ protected:
         return st.st_mtime;
     }
 
-    std::string dir;
+    const CTempDir temp;
+    const std::string dir = temp.Path();
     CScriptedSocket sock;
     CProgress progress;
 };

@@ -4,6 +4,7 @@
 
 #include "MirrorDir.h"
 #include "loopback.h"
+#include "temp_dir.h"
 
 #include <chrono>
 #include <csignal>
@@ -22,13 +23,7 @@ using namespace std::chrono_literals;
 class BoundDownload : public testing::Test
 {
 protected:
-    void SetUp() override
-    {
-        std::string strTemplate = (fs::temp_directory_path() / "rkdb_bound_XXXXXX").string();
-        dir = ::mkdtemp(strTemplate.data());
-        ASSERT_TRUE(pair.client.SetTimeOut(5000));
-    }
-    void TearDown() override { fs::remove_all(dir); }
+    void SetUp() override { ASSERT_TRUE(pair.client.SetTimeOut(5000)); }
 
     EDownload Get(unsigned long mtime = 0, unsigned long size = 0)
     {
@@ -59,7 +54,8 @@ protected:
         return static_cast<size_t>(std::distance(fs::directory_iterator(dir), fs::directory_iterator()));
     }
 
-    std::string dir;
+    const CTempDir temp;
+    const std::string dir = temp.Path();
     SPair pair;
     XFile copy;
 };

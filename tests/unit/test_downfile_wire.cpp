@@ -4,6 +4,7 @@
 
 #include "disturbed_call.h"
 #include "loopback.h"
+#include "temp_dir.h"
 
 #include <cstdio>
 #include <cstdlib>
@@ -35,13 +36,7 @@ std::string Hex(size_t n)
 class Download : public testing::Test
 {
 protected:
-    void SetUp() override
-    {
-        std::string strTemplate = (fs::temp_directory_path() / "rkdb_wire_XXXXXX").string();
-        dir = ::mkdtemp(strTemplate.data());
-        ASSERT_TRUE(pair.client.SetTimeOut(5000));
-    }
-    void TearDown() override { fs::remove_all(dir); }
+    void SetUp() override { ASSERT_TRUE(pair.client.SetTimeOut(5000)); }
 
     EDownload Get(const char* szAddP2p = nullptr)
     {
@@ -67,7 +62,8 @@ protected:
         }
     }
 
-    std::string dir;
+    const CTempDir temp;
+    const std::string dir = temp.Path();
     SPair pair;
 };
 

@@ -1,6 +1,8 @@
 // The driver directory file.
 #include "DrvInfo.h"
 
+#include "temp_dir.h"
+
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
@@ -19,13 +21,7 @@ struct SEntry : SNDrvInfo
 class DrvInfo : public testing::Test
 {
 protected:
-    void SetUp() override
-    {
-        std::string strTemplate = (fs::temp_directory_path() / "rkdb_drv_XXXXXX").string();
-        dir = ::mkdtemp(strTemplate.data());
-        fs::create_directory(dir + "/RecData");
-    }
-    void TearDown() override { fs::remove_all(dir); }
+    void SetUp() override { fs::create_directory(dir + "/RecData"); }
 
     bool Load() { return LoadPrjDrvInfo(CString(dir + "/"), map); }
     void Load(const std::string& strBytes)
@@ -35,7 +31,8 @@ protected:
     }
     std::string Path() const { return dir + "/RecData/drvinfo.dat"; }
 
-    std::string dir;
+    const CTempDir temp;
+    const std::string dir = temp.Path();
     std::map<CString, SEntry> map;
 };
 

@@ -1,6 +1,8 @@
 // The way to a file of the mirror: what is trusted, what is refused, and how a new version takes its place.
 #include "MirrorDir.h"
 
+#include "temp_dir.h"
+
 #include <algorithm>
 #include <array>
 #include <atomic>
@@ -24,15 +26,10 @@ class MirrorDir : public testing::Test
 protected:
     void SetUp() override
     {
-        std::string strTemplate = testing::TempDir() + "rkdb_mirror_XXXXXX";
-        ASSERT_NE(::mkdtemp(strTemplate.data()), nullptr);
-        base = strTemplate;
-        root = base + "/root/";
         Make(root);
         Make(root + "host");
         Put("f", "content");
     }
-    void TearDown() override { fs::remove_all(base); }
 
     static void Make(const std::string& strFolder)
     {
@@ -65,8 +62,9 @@ protected:
         return names;
     }
 
-    std::string base;
-    std::string root;
+    const CTempDir temp;
+    const std::string base = temp.Path();
+    const std::string root = base + "/root/";
 };
 
 TEST_F(MirrorDir, FindsAFileOfOurs)

@@ -94,6 +94,7 @@ TEST(GetPrjPath, ChangesNothingOnAnyOtherReply)
 TEST(GetPrjPath, FailsWhenNoReplyComesAndEndsTheConnection)
 {
     SRequests requests;
+    requests.client.m_reqSock.SetTimeOut(100);
     SPaths paths;
     EXPECT_FALSE(paths.Ask(requests.client));
     EXPECT_EQ(paths.All(), "p|e|a|h");

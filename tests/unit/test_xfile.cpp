@@ -1,6 +1,7 @@
 // Files: opening by the rules that downloads rely on, reading and writing, sizes and positions, closing.
 #include "XFile.h"
 #include "disturbed_call.h"
+#include "temp_dir.h"
 
 #include <array>
 #include <atomic>
@@ -29,14 +30,6 @@ static_assert(APPEND == (O_WRONLY | O_CREAT) && REPLACE == (O_WRONLY | O_CREAT |
 class XFileTest : public testing::Test
 {
 protected:
-    void SetUp() override
-    {
-        std::string strTemplate = testing::TempDir() + "xfileXXXXXX";
-        ASSERT_NE(::mkdtemp(strTemplate.data()), nullptr);
-        m_dir = strTemplate;
-    }
-    void TearDown() override { fs::remove_all(m_dir); }
-
     std::string Path(const std::string& strName) const { return m_dir / strName; }
 
     std::string Put(const std::string& strName, const std::string& strContent) const
@@ -76,7 +69,8 @@ protected:
     }
 
 private:
-    fs::path m_dir;
+    const CTempDir m_temp;
+    const fs::path m_dir = m_temp.Path();
 };
 
 /// Sets the mask of permission bits for one scope.
