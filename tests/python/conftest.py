@@ -50,12 +50,17 @@ def pytest_addoption(parser: pytest.Parser) -> None:
 
 
 def pytest_collection_modifyitems(config: pytest.Config, items: list[pytest.Item]) -> None:
-    """Fewer cases of the tests that have many, where each takes long: the cases differ in their data alone."""
+    """Fewer cases of the tests that have many, and none of great amounts, where each takes long.
+
+    The cases differ in their data alone; what is done in bulk is done by other tests a few times.
+    """
     most = config.getoption("--cases")
     if most is None:
         return
     cases: dict[tuple[str, str], list[pytest.Item]] = {}
     for item in items:
+        if item.get_closest_marker("bulk"):
+            continue
         cases.setdefault((str(item.path), item.name.split("[")[0]), []).append(item)
     kept = {
         same[number * len(same) // min(most, len(same))]

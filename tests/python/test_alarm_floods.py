@@ -4,6 +4,7 @@ from __future__ import annotations
 
 import dialogue as d
 import live_wire as w
+import pytest
 import wire
 from conftest import Play, passes_alone
 from live_peer import Alarms
@@ -49,6 +50,7 @@ def flooded(play: Play, project: str, warnings: str, script: str) -> None:
     peer.finish()
 
 
+@pytest.mark.bulk
 def test_alarms_beyond_the_bound_of_a_registration_are_skipped_with_one_warning(play: Play, project: str) -> None:
     script = f"""
 [(category, message)] = told
@@ -69,6 +71,7 @@ assert message.split()[1] == "{FLOODED - HELD_MOST}", message
     flooded(play, project, "error", script)
 
 
+@pytest.mark.bulk
 def test_a_registration_returns_while_a_flood_goes_on(play: Play, project: str) -> None:
     script = f"""
 calls = 0

@@ -226,6 +226,7 @@ def test_alarms_pushed_while_the_registration_is_under_way_come_after_it(serve: 
     assert [(call[7], call[2]) for call in calls] == [(number, "一号泵") for number in (1.0, 2.0, 3.0, 4.0)]
 
 
+@pytest.mark.bulk
 def test_a_server_may_push_any_amount_before_it_lets_the_lists_be_fetched(serve: Serve) -> None:
     # More than the sockets hold: it could not go on to the lists if the stream were not read meanwhile.
     many = [w.change(5, wire.VT_I4, number) for number in range(1_000_000)]

@@ -96,6 +96,7 @@ def test_a_server_that_refuses_fails_the_connection(simulator: Simulators, proje
     assert DBCore().Connect(host, USER, PASSWORD) == FAILED
 
 
+@pytest.mark.bulk
 def test_sixty_thousand_tags_are_read_each_with_its_own_value(simulator: Simulators, project: str) -> None:
     letters = "ABC"
     many = [f'name = "{one}%05d"\ncount = 20000\ntype = "i4"\nvalue = {value}' for value, one in enumerate(letters)]

@@ -99,6 +99,7 @@ def test_all_requests_may_arrive_in_one_segment(address: tuple[str, int]) -> Non
         assert client.ask.is_quiet()
 
 
+@pytest.mark.bulk
 @settings(max_examples=150, deadline=None, suppress_health_check=[HealthCheck.function_scoped_fixture])
 @given(
     sequence=st.lists(st.sampled_from(ALL), min_size=1, max_size=12),

@@ -404,6 +404,7 @@ def test_connections_beyond_the_projects_limit_are_turned_away(simulator: Simula
 # Many clients.
 
 
+@pytest.mark.bulk
 def test_two_hundred_clients_each_hear_every_change(simulator: Simulators) -> None:
     address = ("127.0.0.1", simulator(SMALL, "--quiet").port)
     with ExitStack() as stack:

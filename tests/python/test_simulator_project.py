@@ -136,6 +136,7 @@ def test_a_project_of_more_tags_than_can_be_served_is_refused_with_the_numbers(
     )
 
 
+@pytest.mark.bulk
 def test_the_most_tags_that_are_served_are_counted_exactly(rkdbsim_path: Path, tmp_path: Path) -> None:
     path = tmp_path / "large.toml"
     full = '[[driver]]\nname = "D{}"\n[[driver.tag]]\nname = "T%05d"\ncount = 50000\n'
