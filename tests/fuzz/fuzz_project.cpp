@@ -36,23 +36,8 @@ bool IsModest(const toml::node& node, std::string_view key)
     return true;
 }
 
-/// The library's table of blanks has holes: what it does with some characters where a blank could stand is
-/// undefined. Quoted texts are not looked at like that.
-bool HasStrayLetter(std::string_view text)
-{
-    bool bQuoted = false;
-    for (const char ch : text) {
-        if (!bQuoted && ch & 0x80)
-            return true;
-        bQuoted = ch == '"' ? !bQuoted : bQuoted && ch != '\n';
-    }
-    return false;
-}
-
 bool IsModest(std::string_view text)
 {
-    if (HasStrayLetter(text))
-        return false;
     try {
         return IsModest(toml::parse(text), "");
     } catch (const toml::parse_error&) {

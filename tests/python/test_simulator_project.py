@@ -42,6 +42,8 @@ ALARM = driver(T, 'name = "S"\ntype = "str"') + '[[alarm]]\ndriver = "D"\ntag = 
         ("[project\n", 1, ""),
         ("\n\nx = \n", 3, ""),
         ("a = 1\na = 2\n", 2, ""),
+        ("\n[é]\n", 2, "saw 'é'"),
+        ("\nx = 1 、\n", 2, "saw '、'"),
         ("\nnonsense = 1\n", 2, '"nonsense"'),
         ("[project]\nname = 5\n", 2, "name: must be a text"),
         ('[project]\nname = "🙂"\n', 2, "GB2312"),
