@@ -196,6 +196,10 @@ def own_address() -> Iterator[str]:
         shutil.rmtree(path)
 
 
+# From 3.12 on the interpreter warns of every fork beside threads; what forks in a test does so to show that it works.
+FORKS_QUIETLY = ("-W", "ignore:This process (pid=:DeprecationWarning")
+
+
 @dataclass(frozen=True)
 class Outcome:
     """What a script run in an interpreter of its own did."""
@@ -216,11 +220,9 @@ def run_alone(
 
     through: a command that starts the process; environment: what differs from this process's own.
     """
-    # From 3.12 on the interpreter warns of every fork beside threads; what forks here does so to show that it works.
-    quiet = ("-W", "ignore:This process (pid=:DeprecationWarning")
     watchdog = f"import faulthandler; faulthandler.dump_traceback_later({timeout}, exit=True)\n"
     done = subprocess.run(
-        [*through, sys.executable, *quiet, "-X", "faulthandler", "-c", watchdog + script, *arguments],
+        [*through, sys.executable, *FORKS_QUIETLY, "-X", "faulthandler", "-c", watchdog + script, *arguments],
         env={**os.environ, "PYTHONPATH": os.pathsep.join(path for path in sys.path if path), **(environment or {})},
         capture_output=True,
         text=True,

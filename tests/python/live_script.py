@@ -10,7 +10,7 @@ import sys
 import dialogue as d
 import live_wire as w
 import wire
-from conftest import Play, passes_alone
+from conftest import FORKS_QUIETLY, Play, passes_alone
 from live_wire import change, push
 from peer import Peer
 
@@ -94,7 +94,7 @@ def passes_unwatched(script: str, *arguments: str, timeout: float = 60.0) -> str
     more = {"ASAN_OPTIONS": "detect_leaks=0", "TSAN_OPTIONS": "die_after_fork=0"}
     sanitizers = {name: ":".join(filter(None, [os.environ.get(name), option])) for name, option in more.items()}
     process = subprocess.Popen(
-        [sys.executable, "-X", "faulthandler", "-c", script, *arguments],
+        [sys.executable, *FORKS_QUIETLY, "-X", "faulthandler", "-c", script, *arguments],
         env={**os.environ, "PYTHONPATH": path, **sanitizers},
         stdout=subprocess.PIPE,
         stderr=subprocess.PIPE,

@@ -263,7 +263,8 @@ for number in range(3):
     garbage(core)
     if "owner" in held:
         garbage(callback, owner)
-    del core, callback, owner
+        owner = None
+    del core, callback  # an owner stays: without one a method is not called, and nothing is allocated
     if "driver" in held:
         garbage(driver)
     driver = None
