@@ -11,8 +11,7 @@
 #define TOML_ASSERT(expr) static_cast<void>(0)
 #pragma push_macro("NDEBUG") // with it, compilers are told to rely on the same
 #undef NDEBUG
-// Its tests for classes of characters take most that are in none, such as a bare accented letter, for
-// impossible.
+// Its tests for classes of characters call most that are in none, such as a bare accented letter, impossible.
 #if __has_include(<toml++/impl/preprocessor.hpp>) // from 3.4 on
 #include <toml++/impl/preprocessor.hpp>
 #else

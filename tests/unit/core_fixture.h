@@ -231,6 +231,8 @@ protected:
 
     /// Connects both sockets to m_req and m_rcv.
     void Attach(long nTimeOut = 5000);
+    /// For replies that are cut: half a second for a rest that never comes.
+    void AwaitRestsBriefly() { Core().m_reqSock.SetTimeOut(500); }
     /// Gives the core a directory of its own for the project's files, with these folders.
     void UseProjectDir(std::initializer_list<const char*> folders);
     std::filesystem::path ProjectDir() const { return m_projectDir.value().Path(); }

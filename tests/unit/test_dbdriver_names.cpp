@@ -306,7 +306,7 @@ TEST_F(DriverNames, AReplyThatIsCutShortFailsAndCachesNothing)
 
 TEST_F(DriverNames, AFailedFlushKeepsWhatWasAppendedAndWhatEarlierOnesLearnt)
 {
-    Core().m_reqSock.SetTimeOut(500); // how long the rest of a reply is awaited that never comes
+    AwaitRestsBriefly();
     const std::string strA(379, 'a');
     const std::string strB(383, 'b');
     const CPlay play([&] {
@@ -321,7 +321,7 @@ TEST_F(DriverNames, AFailedFlushKeepsWhatWasAppendedAndWhatEarlierOnesLearnt)
 
 TEST_F(DriverNames, AFailedFlushInTheMiddleAsksForNothingMore)
 {
-    Core().m_reqSock.SetTimeOut(500); // how long the rest of a reply is awaited that never comes
+    AwaitRestsBriefly();
     const std::string strA(379, 'a');
     const std::string strB(383, 'b');
     {

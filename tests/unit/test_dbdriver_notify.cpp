@@ -160,7 +160,7 @@ TEST_F(DriverSubscribe, EveryTypeTakesItsBytesOfABlock)
 
 TEST_F(DriverSubscribe, AFailedLookUpOrSendFails)
 {
-    Core().m_reqSock.SetTimeOut(500); // how long the rest of a reply is awaited that never comes
+    AwaitRestsBriefly();
     {
         const CPlay play([&] {
             m_req.Want(U8('L') + U16(0) + Text("new"));

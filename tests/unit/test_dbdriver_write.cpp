@@ -119,7 +119,7 @@ TEST_F(DriverWrite, WithoutTheRightNothingIsLookedUpOrSent)
 
 TEST_F(DriverWrite, AFailedLookUpOrSendIsAFailure)
 {
-    Core().m_reqSock.SetTimeOut(500); // how long the rest of a reply is awaited that never comes
+    AwaitRestsBriefly();
     {
         const CPlay play([&] {
             m_req.Want(U8('L') + U16(0) + Text("new"));
