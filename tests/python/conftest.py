@@ -127,6 +127,12 @@ def remove_mirrors(hosts: list[str]) -> None:
         shutil.rmtree(mirror_host(hosts.pop()), ignore_errors=True)
 
 
+def take_over(hosts: list[str], new: list[str]) -> None:
+    """Notes host texts that are now this test's; mirrors of tests that were killed may stand under their ports."""
+    remove_mirrors([host for host in new if host not in hosts])
+    hosts.extend(new)
+
+
 @pytest.fixture
 def hosts() -> Iterator[list[str]]:
     """Host texts whose mirrors are removed at the test's end, while their ports are still taken."""
@@ -148,7 +154,7 @@ def play(request: pytest.FixtureRequest, hosts: list[str]) -> Iterator[Play]:
     ) -> Peer:
         peer = Peer(steps, listeners, patience)
         peers.append(peer)
-        hosts.extend(f"{address}:{port}" for address, port in peer.addresses.values())
+        take_over(hosts, [f"{address}:{port}" for address, port in peer.addresses.values()])
         return peer
 
     complaints: list[str] = []
@@ -183,17 +189,25 @@ def serve(play: Play, project: str) -> Serve:
     return start
 
 
-_relay_numbers = itertools.count(1)
+_address_numbers = itertools.count(1)
+
+
+def remove_mirrors_through(centre: str) -> None:
+    for path in MIRROR_ROOT.glob(f"*({centre}*"):
+        shutil.rmtree(path)
 
 
 @pytest.fixture
 def own_address() -> Iterator[str]:
-    """A loopback address that no other test process uses: the port of relay centres is fixed."""
-    number = (os.getpid() << 6) + next(_relay_numbers)
+    """A loopback address that no other test process uses.
+
+    For the port of relay centres, which is fixed, and for ports at which nobody else may listen meanwhile.
+    """
+    number = (os.getpid() << 6) + next(_address_numbers)
     address = f"127.{1 + number % 250}.{number // 250 % 250}.{number // 62500 % 250}"
+    remove_mirrors_through(address)
     yield address
-    for path in MIRROR_ROOT.glob(f"*({address}*"):
-        shutil.rmtree(path)
+    remove_mirrors_through(address)
 
 
 # From 3.12 on the interpreter warns of every fork beside threads; what forks in a test does so to show that it works.
@@ -259,11 +273,13 @@ def rkdbsim_path() -> Path:
 class Simulator:
     """A running simulator on a port of its own choice, or on one that another had before."""
 
-    GREETING = "listening on 127.0.0.1:"
-
-    def __init__(self, program: Path, arguments: Sequence[str], port: int = 0) -> None:
+    def __init__(self, program: Path, arguments: Sequence[str], address: str, port: int) -> None:
+        greeting = f"listening on {address}:"
         self._process = subprocess.Popen(
-            [str(program), *arguments, "--port", str(port)], stdout=subprocess.PIPE, bufsize=0, stdin=subprocess.DEVNULL
+            [str(program), *arguments, "--host", address, "--port", str(port)],
+            stdout=subprocess.PIPE,
+            bufsize=0,
+            stdin=subprocess.DEVNULL,
         )
         assert self._process.stdout is not None
         line = b""
@@ -276,11 +292,11 @@ class Simulator:
                 raise AssertionError(f"the simulator did not say where it listens: {line!r}")
             line += piece
         text = line.decode().rstrip("\n")
-        if not text.startswith(self.GREETING):
+        if not text.startswith(greeting):
             self.stop()
             raise AssertionError(f"the simulator's first line: {text!r}")
-        self.port = int(text.removeprefix(self.GREETING))
-        self.host = f"127.0.0.1:{self.port}"
+        self.port = int(text.removeprefix(greeting))
+        self.host = f"{address}:{self.port}"
 
     @property
     def pid(self) -> int:
@@ -299,14 +315,14 @@ def simulator(rkdbsim_path: Path, tmp_path: Path, hosts: list[str]) -> Iterator[
     """Starts simulators: with a project file, or with the text of one. Each must end cleanly on SIGTERM."""
     running: list[Simulator] = []
 
-    def start(project_file: Path | str, *arguments: str, port: int = 0) -> Simulator:
+    def start(project_file: Path | str, *arguments: str, address: str = "127.0.0.1", port: int = 0) -> Simulator:
         path = project_file
         if isinstance(path, str):
             text, path = path, tmp_path / f"project{len(running)}.toml"
             path.write_text(text, encoding="utf-8")
-        started = Simulator(rkdbsim_path, [str(path), *arguments], port)
+        started = Simulator(rkdbsim_path, [str(path), *arguments], address, port)
         running.append(started)
-        hosts.append(started.host)
+        take_over(hosts, [started.host])
         return started
 
     yield start

@@ -189,10 +189,10 @@ def test_a_server_that_closes_instead_of_a_login_reply_fails_the_connection(play
     assert connects_to(play, steps + d.reset("req") + d.want_eof("rcv")) == FAILED
 
 
-def test_a_closed_port_fails_the_connection_at_once() -> None:
-    with socket.create_server(("127.0.0.1", 0)) as server:
+def test_a_closed_port_fails_the_connection_at_once(own_address: str) -> None:
+    with socket.create_server((own_address, 0)) as server:
         port = server.getsockname()[1]
-    assert DBCore().Connect(f"127.0.0.1:{port}", d.USER, d.PASSWORD) == FAILED
+    assert DBCore().Connect(f"{own_address}:{port}", d.USER, d.PASSWORD) == FAILED
 
 
 def test_a_host_name_without_an_address_fails_the_connection() -> None:

@@ -169,13 +169,13 @@ def test_forty_clients_of_one_process_each_see_their_server(simulator: Simulator
     assert settles(lambda: live_threads() <= threads)
 
 
-def test_a_server_that_ends_takes_its_connections_with_it(simulator: Simulators) -> None:
-    server = simulator(DEMO)
+def test_a_server_that_ends_takes_its_connections_with_it(simulator: Simulators, own_address: str) -> None:
+    server = simulator(DEMO, address=own_address)
     core = connect(server.host, USER, PASSWORD)
     boiler = core.GetDriver("Boiler")
     assert read(boiler, "SetPoint") == 50.0
     assert server.stop()[0] == 0
-    assert settles(lambda: not sockets_to(("127.0.0.1", server.port)))
+    assert settles(lambda: not sockets_to((own_address, server.port)))
     assert read(boiler, "SetPoint") is None
     assert core.Connect(server.host, USER, PASSWORD) == FAILED
 

@@ -112,8 +112,8 @@ def run(script: str, host: str, *arguments: str) -> tuple[int, list[str]]:
 
 
 @pytest.fixture
-def plant(simulator: Simulators, project: str) -> Simulator:
-    return simulator(PROJECT.format(name=project))
+def plant(simulator: Simulators, own_address: str, project: str) -> Simulator:
+    return simulator(PROJECT.format(name=project), address=own_address)
 
 
 def boiler(plant: Simulator) -> tuple[object, Driver]:
@@ -123,7 +123,8 @@ def boiler(plant: Simulator) -> tuple[object, Driver]:
 
 def restart(simulator: Simulators, plant: Simulator, project: str) -> None:
     plant.stop()
-    simulator(PROJECT.format(name=project), port=plant.port)
+    address, port = plant.host.split(":")
+    simulator(PROJECT.format(name=project), address=address, port=int(port))
 
 
 def test_read_once_shows_every_tag_or_why_not(plant: Simulator) -> None:

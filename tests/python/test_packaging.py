@@ -6,7 +6,6 @@ from __future__ import annotations
 import ast
 import os
 import re
-import shutil
 import site
 import subprocess
 import sys
@@ -93,23 +92,23 @@ def test_the_package_and_the_simulator_have_the_projects_version(environment: Pa
 
 
 USE = """
-import re, signal, subprocess, sys
+import re, shutil, signal, subprocess, sys
 import RkDBAccess
 assert RkDBAccess.__file__.startswith(sys.prefix), RkDBAccess.__file__
 with subprocess.Popen([sys.prefix + "/bin/rkdbsim", "--port", "0"], stdout=subprocess.PIPE, text=True) as simulator:
     try:
         port = re.search(r":([0-9]+)$", simulator.stdout.readline().strip()).group(1)
         db = RkDBAccess.DBCore()
-        print(port, db.Connect(f"127.0.0.1:{port}", "nobody", "wrong"), db.Connect("127.0.0.1:1", "a", "b"))
+        print(db.Connect(f"127.0.0.1:{port}", "nobody", "wrong"), db.Connect("127.0.0.1:1", "a", "b"))
     finally:
+        shutil.rmtree(f"/tmp/rkbrowser/127.0.0.1_{port}", ignore_errors=True)  # while the port is the simulator's
         simulator.send_signal(signal.SIGTERM)
 print(simulator.returncode)
 """
 
 
 def test_the_installed_module_talks_to_the_installed_simulator(environment: Path, tmp_path: Path) -> None:
-    port, refused, unreachable, status = run(environment / "bin" / "python", "-I", "-c", USE, cwd=tmp_path).split()
-    shutil.rmtree(f"/tmp/rkbrowser/127.0.0.1_{port}", ignore_errors=True)
+    refused, unreachable, status = run(environment / "bin" / "python", "-I", "-c", USE, cwd=tmp_path).split()
     assert (refused, unreachable, status) == ("-1", "-2", "0")
 
 

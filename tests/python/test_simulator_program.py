@@ -141,13 +141,13 @@ def test_a_relay_port_that_is_none_is_refused(rkdbsim_path: Path, value: str) ->
     assert "--relay" in errors
 
 
-def test_a_given_port_is_taken(rkdbsim_path: Path) -> None:
-    with socket.create_server(("127.0.0.1", 0)) as probe:
+def test_a_given_port_is_taken(rkdbsim_path: Path, own_address: str) -> None:
+    with socket.create_server((own_address, 0)) as probe:
         port = probe.getsockname()[1]
-        _, errors = run(rkdbsim_path, "--port", str(port), expect=1)
+        _, errors = run(rkdbsim_path, "--host", own_address, "--port", str(port), expect=1)
         assert "cannot listen" in errors
-    with started(rkdbsim_path, "--port", str(port)) as process:
-        assert port_of(process) == port
+    with started(rkdbsim_path, "--host", own_address, "--port", str(port)) as process:
+        assert port_of(process, f"listening on {own_address}:") == port
 
 
 def test_the_second_line_says_where_the_relay_centre_listens(rkdbsim_path: Path) -> None:

@@ -191,8 +191,6 @@ class Soak:
                 self._follow()
             finally:
                 self._stop()
-                for port in self._ports:
-                    shutil.rmtree(MIRROR_ROOT / f"127.0.0.1_{port}", ignore_errors=True)
 
     def _start(self, folder: Path) -> None:
         arguments = self.arguments
@@ -265,6 +263,8 @@ class Soak:
         for child in self._clients:
             if not child.finish(30) or child.name not in self._told():
                 self.failed.append(f"{child.name} did not end as it should, status {child.process.returncode}")
+        for port in self._ports:  # which nobody else can have yet
+            shutil.rmtree(MIRROR_ROOT / f"127.0.0.1_{port}", ignore_errors=True)
         for child in self._servers:
             if not child.finish(PATIENCE):
                 self.failed.append(f"{child.name} did not end as it should, status {child.process.returncode}")

@@ -479,11 +479,19 @@ void CDriverTest::SetUp()
     ASSERT_TRUE(m_pA && m_pB);
 }
 
-CServer::CServer() : m_fd(ListenOnLoopback(m_nPort)) {}
+CServer::CServer() : m_fd(ListenOnLoopback(m_nPort))
+{
+    RemoveMirror(); // a test that was killed may have left one under this port
+}
 
 CServer::~CServer()
 {
+    RemoveMirror(); // while nobody else can have the port
     ::close(m_fd);
+}
+
+void CServer::RemoveMirror() const
+{
     std::error_code error;
     std::filesystem::remove_all(Mirror(""), error);
 }

@@ -321,6 +321,7 @@ public:
 
 private:
     CFarEnd Accept();
+    void RemoveMirror() const;
 
     unsigned m_nPort = 0;
     int m_fd = -1;

@@ -10,14 +10,25 @@
 #include <string>
 #include <string_view>
 #include <thread>
+#include <unistd.h>
+#include <utility>
+
+/// A loopback address that no other process uses: for a port that the wire fixes, and for one at which nobody
+/// may listen once it is given back.
+inline std::string OwnAddress()
+{
+    const pid_t pid = ::getpid();
+    return "127." + std::to_string(64 + (pid >> 16)) + "." + std::to_string(pid >> 8 & 0xFF) + "." +
+           std::to_string(pid & 0xFF);
+}
 
 /// Listens on a free port of an address; Run plays a script with it until the scope ends.
 class CLoopback
 {
 public:
-    explicit CLoopback(const char* szIp = "127.0.0.1", UINT nPort = 0) : m_strIp(szIp)
+    explicit CLoopback(std::string strIp = "127.0.0.1", UINT nPort = 0) : m_strIp(std::move(strIp))
     {
-        EXPECT_TRUE(m_listener.Create(nPort, SOCK_STREAM, szIp, 1));
+        EXPECT_TRUE(m_listener.Create(nPort, SOCK_STREAM, m_strIp.c_str(), 1));
         EXPECT_TRUE(m_listener.Listen(8));
         sockaddr_in addr{};
         socklen_t nLen = sizeof addr;

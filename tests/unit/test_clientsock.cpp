@@ -313,13 +313,9 @@ TEST(ConnectDB, FailsWhenTheRegisterReplyCannotBeUnscrambledOrNeverComes)
 
 TEST(ConnectDB, FailsWhereNobodyListens)
 {
-    UINT nPort = 0;
-    {
-        const CLoopback gone;
-        nPort = gone.Port();
-    }
+    const std::string strHost = CLoopback(OwnAddress()).Host();
     CClientSock client;
-    EXPECT_EQ(Connect(client, "127.0.0.1:" + std::to_string(nPort)).nResult, 1);
+    EXPECT_EQ(Connect(client, strHost).nResult, 1);
     EXPECT_EQ(Connect(client, "p2p").nResult, CONNECT_BAD_ADDRESS);
     EXPECT_FALSE(client.m_bLocalDB);
     EXPECT_EQ(Connect(client, "p2p:" + std::string(250, 'n')).nResult, CONNECT_REFUSED);
@@ -327,7 +323,7 @@ TEST(ConnectDB, FailsWhereNobodyListens)
 
 TEST(ConnectDB, FailsWhenTheSecondConnectionFindsNobody)
 {
-    CLoopback server;
+    CLoopback server(OwnAddress());
     server.Run([](CLoopback& self) {
         CSyncSocket req;
         self.Accept(req);

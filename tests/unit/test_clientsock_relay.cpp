@@ -9,7 +9,7 @@ namespace {
 
 TEST(ConnectDB, GoesThroughTheRelayCentreWithBothConnections)
 {
-    CLoopback relay("127.77.1.3", CClientSock::RELAY_PORT); // the wire fixes the port
+    CLoopback relay(OwnAddress(), CClientSock::RELAY_PORT); // the wire fixes the port
     relay.Run([](CLoopback& self) {
         SServed served;
         Serve(self, served, Ack(), 23 + 5);
@@ -18,11 +18,11 @@ TEST(ConnectDB, GoesThroughTheRelayCentreWithBothConnections)
         served.WantEnds();
     });
     CClientSock client;
-    EXPECT_EQ(Connect(client, "P2P(127.77.1.3):plant").nResult, 0);
+    EXPECT_EQ(Connect(client, "P2P(" + OwnAddress() + "):plant").nResult, 0);
     EXPECT_FALSE(client.m_bLan);
     EXPECT_FALSE(client.m_bLocalDB);
-    EXPECT_EQ(client.m_reqSock.m_nCenterIp, ::inet_addr("127.77.1.3"));
-    EXPECT_EQ(client.m_rcvSock.m_nCenterIp, ::inet_addr("127.77.1.3"));
+    EXPECT_EQ(client.m_reqSock.m_nCenterIp, ::inet_addr(OwnAddress().c_str()));
+    EXPECT_EQ(client.m_rcvSock.m_nCenterIp, ::inet_addr(OwnAddress().c_str()));
     long nMs = 0;
     EXPECT_TRUE(client.m_reqSock.GetRecvTimeOut(nMs));
     EXPECT_EQ(nMs, 13000);
@@ -34,7 +34,7 @@ TEST(ConnectDB, GoesThroughTheRelayCentreWithBothConnections)
 TEST(ConnectDB, SendsTheLongestServerNameThatFits)
 {
     const std::string strName(SNRegReq::MAX_SERVER_NAME, 'n');
-    CLoopback relay("127.77.1.4", CClientSock::RELAY_PORT);
+    CLoopback relay(OwnAddress(), CClientSock::RELAY_PORT);
     relay.Run([&strName](CLoopback& self) {
         SServed served;
         Serve(self, served, Ack(), 23 + strName.size());
@@ -42,7 +42,7 @@ TEST(ConnectDB, SendsTheLongestServerNameThatFits)
         served.WantEnds();
     });
     CClientSock client;
-    EXPECT_EQ(Connect(client, "p2p(127.77.1.4):" + strName).nResult, 0);
+    EXPECT_EQ(Connect(client, "p2p(" + OwnAddress() + "):" + strName).nResult, 0);
 }
 
 TEST(ConnectDB, AsksNoResolverForARelayWhoseCentreIsNoAddress)
@@ -67,7 +67,7 @@ TEST(ConnectDB, FollowsTheRelaysRedirectWithANewDirectConnection)
         Serve(self, served, Ack());
         served.WantEnds();
     });
-    CLoopback relay("127.77.1.1", CClientSock::RELAY_PORT);
+    CLoopback relay(OwnAddress(), CClientSock::RELAY_PORT);
     relay.Run([&direct](CLoopback& self) {
         CSyncSocket req;
         self.Accept(req);
@@ -78,7 +78,7 @@ TEST(ConnectDB, FollowsTheRelaysRedirectWithANewDirectConnection)
     });
     CClientSock client;
     testing::internal::CaptureStdout();
-    const SHandshake done = Connect(client, "p2p(127.77.1.1):plant");
+    const SHandshake done = Connect(client, "p2p(" + OwnAddress() + "):plant");
     EXPECT_EQ(testing::internal::GetCapturedStdout(), "Is same lan ...\n");
     EXPECT_EQ(done.nResult, 0);
     EXPECT_EQ(done.strPrjName, "demo");
@@ -97,7 +97,7 @@ TEST(ConnectDB, TakesADirectAddressWithTheRelaysPortForARelay)
         SServed served;
         Serve(self, served, Ack());
     });
-    CLoopback relay("127.77.1.5", CClientSock::RELAY_PORT);
+    CLoopback relay(OwnAddress(), CClientSock::RELAY_PORT);
     relay.Run([&direct](CLoopback& self) {
         CSyncSocket req;
         self.Accept(req);
@@ -108,14 +108,14 @@ TEST(ConnectDB, TakesADirectAddressWithTheRelaysPortForARelay)
     });
     CClientSock client;
     testing::internal::CaptureStdout();
-    EXPECT_EQ(Connect(client, "127.77.1.5:3968").nResult, 0);
+    EXPECT_EQ(Connect(client, OwnAddress() + ":3968").nResult, 0);
     EXPECT_EQ(testing::internal::GetCapturedStdout(), "Is same lan ...\n");
     EXPECT_TRUE(client.m_bLan);
 }
 
 TEST(ConnectDB, AwaitsTheRestOfARedirect)
 {
-    CLoopback relay("127.77.1.11", CClientSock::RELAY_PORT);
+    CLoopback relay(OwnAddress(), CClientSock::RELAY_PORT);
     const std::string strWhole = Redirect(1);
     for (const std::string& strReply : {strWhole.substr(0, 9), std::string("7lan"), std::string("7L")}) {
         relay.Run([&strReply](CLoopback& self) {
@@ -126,7 +126,7 @@ TEST(ConnectDB, AwaitsTheRestOfARedirect)
             served.req.ShutDown();
         });
         CClientSock client;
-        EXPECT_EQ(Connect(client, "p2p(127.77.1.11):s").nResult, CONNECT_FAILED) << strReply;
+        EXPECT_EQ(Connect(client, "p2p(" + OwnAddress() + "):s").nResult, CONNECT_FAILED) << strReply;
         EXPECT_FALSE(client.m_bLan);
         client.StopSock();
         relay.Join();
@@ -135,7 +135,7 @@ TEST(ConnectDB, AwaitsTheRestOfARedirect)
 
 TEST(ConnectDB, RegistersWhereAReplyNamesNoLan)
 {
-    CLoopback relay("127.77.1.6", CClientSock::RELAY_PORT);
+    CLoopback relay(OwnAddress(), CClientSock::RELAY_PORT);
     for (const std::string& strReply : {std::string("7"), std::string("7xan"), Redirect(1, "wan")}) {
         relay.Run([&strReply](CLoopback& self) {
             SServed served;
@@ -143,7 +143,7 @@ TEST(ConnectDB, RegistersWhereAReplyNamesNoLan)
             served.WantEnds();
         });
         CClientSock client;
-        EXPECT_EQ(Connect(client, "p2p(127.77.1.6):s").nResult, 0);
+        EXPECT_EQ(Connect(client, "p2p(" + OwnAddress() + "):s").nResult, 0);
         EXPECT_FALSE(client.m_bLan);
         client.StopSock();
         relay.Join();
@@ -167,9 +167,9 @@ TEST(ConnectDB, TakesNoRedirectFromAServerOnAnotherPort)
 class CRedirector
 {
 public:
-    CRedirector(const char* szIp, int nToItself, UINT nThenPort) : m_relay(szIp, CClientSock::RELAY_PORT)
+    CRedirector(int nToItself, UINT nThenPort) : m_relay(OwnAddress(), CClientSock::RELAY_PORT)
     {
-        m_relay.Run([this, szIp, nToItself, nThenPort](CLoopback& self) {
+        m_relay.Run([this, nToItself, nThenPort](CLoopback& self) {
             for (int i = 0; i <= nToItself; ++i) {
                 CSyncSocket req;
                 self.Accept(req);
@@ -177,7 +177,7 @@ public:
                 ++m_nOpened;
                 std::string reply = Redirect(i < nToItself ? CClientSock::RELAY_PORT : nThenPort);
                 if (i < nToItself) {
-                    const in_addr_t nIp = ::inet_addr(szIp);
+                    const in_addr_t nIp = ::inet_addr(OwnAddress().c_str());
                     std::memcpy(&reply[4], &nIp, sizeof nIp);
                 }
                 Send(req, reply);
@@ -204,10 +204,10 @@ TEST(ConnectDB, FollowsEightRedirects)
         Serve(self, served, Ack());
         served.WantEnds();
     });
-    CRedirector relay("127.77.1.7", 7, direct.Port());
+    CRedirector relay(7, direct.Port());
     CClientSock client;
     testing::internal::CaptureStdout();
-    EXPECT_EQ(Connect(client, "p2p(127.77.1.7):s").nResult, 0);
+    EXPECT_EQ(Connect(client, "p2p(" + OwnAddress() + "):s").nResult, 0);
     EXPECT_EQ(testing::internal::GetCapturedStdout().size(), 8 * std::string("Is same lan ...\n").size());
     EXPECT_EQ(relay.Opened(), 8);
 }
@@ -215,10 +215,10 @@ TEST(ConnectDB, FollowsEightRedirects)
 TEST(ConnectDB, FollowsNoNinthRedirect)
 {
     CLoopback never;
-    CRedirector relay("127.77.1.2", 8, never.Port());
+    CRedirector relay(8, never.Port());
     CClientSock client;
     testing::internal::CaptureStdout();
-    EXPECT_EQ(Connect(client, "p2p(127.77.1.2):s").nResult, 1);
+    EXPECT_EQ(Connect(client, "p2p(" + OwnAddress() + "):s").nResult, 1);
     EXPECT_EQ(testing::internal::GetCapturedStdout().size(), 8 * std::string("Is same lan ...\n").size());
     client.StopSock(); // the last one stays open until then
     EXPECT_EQ(relay.Opened(), 9);

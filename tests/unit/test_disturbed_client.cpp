@@ -177,7 +177,7 @@ TEST(DisturbedHandshake, ARegisterReplyIsWholeOrFails)
 /// before it takes as long as the handshake's time-out: both have tests of their own.
 TEST(DisturbedHandshake, ARedirectIsWholeOrFails)
 {
-    CLoopback relay("127.77.1.12", CClientSock::RELAY_PORT);
+    CLoopback relay(OwnAddress(), CClientSock::RELAY_PORT);
     AtEveryByte(Redirect(1).size(), [&](SDisturbance& disturbance) {
         const bool bSplit = disturbance.eDisturb == EDisturb::Split;
         if (disturbance.nAt == 1 || (disturbance.nAt == 0 && disturbance.eDisturb == EDisturb::Stall))
@@ -198,7 +198,7 @@ TEST(DisturbedHandshake, ARedirectIsWholeOrFails)
             disturbance.Send(req, Redirect(direct.Port()));
         });
         testing::internal::CaptureStdout();
-        handshake.Connect("p2p(127.77.1.12):s", disturbance);
+        handshake.Connect("p2p(" + OwnAddress() + "):s", disturbance);
         EXPECT_EQ(testing::internal::GetCapturedStdout(), bSplit ? "Is same lan ...\n" : "");
         relay.Join();
         direct.Join();

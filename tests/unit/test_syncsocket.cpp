@@ -69,6 +69,13 @@ TEST(SyncSocket, CreateMakesAnUnboundSocketAndKeepsAnExistingOne)
     EXPECT_EQ(Option(sock, SOL_SOCKET, SO_TYPE), SOCK_STREAM);
 }
 
+UINT FreeAtEveryAddress()
+{
+    CSyncSocket probe;
+    EXPECT_TRUE(probe.Create(0, SOCK_STREAM, "0.0.0.0", 0));
+    return ntohs(BoundTo(probe).sin_port);
+}
+
 TEST(SyncSocket, CreateBindsWhereAPortOrAnAddressIsGiven)
 {
     CSyncSocket chosen;
@@ -77,11 +84,15 @@ TEST(SyncSocket, CreateBindsWhereAPortOrAnAddressIsGiven)
     EXPECT_EQ(first.sin_addr.s_addr, ::inet_addr("127.0.0.3"));
     EXPECT_NE(first.sin_port, 0);
     EXPECT_EQ(Option(chosen, SOL_SOCKET, SO_REUSEADDR), 1);
-    const UINT nPort = ntohs(first.sin_port);
-    chosen.Close();
 
     CSyncSocket any;
-    ASSERT_TRUE(any.Create(nPort, SOCK_STREAM, nullptr, 0));
+    UINT nPort = 0;
+    bool bDone = false;
+    for (int i = 0; i < 20 && !bDone; ++i) { // another process may take the port meanwhile
+        nPort = FreeAtEveryAddress();
+        bDone = any.Create(nPort, SOCK_STREAM, nullptr, 0);
+    }
+    ASSERT_TRUE(bDone);
     EXPECT_EQ(BoundTo(any).sin_addr.s_addr, INADDR_ANY);
     EXPECT_EQ(ntohs(BoundTo(any).sin_port), nPort);
     EXPECT_EQ(Option(any, SOL_SOCKET, SO_REUSEADDR), 0);
@@ -139,15 +150,11 @@ TEST(SyncSocket, ConnectsToANumberOrAName)
 
 TEST(SyncSocket, ConnectThatIsRefusedLeavesTheSocketOpen)
 {
-    UINT nPort = 0;
-    {
-        const CLoopback gone;
-        nPort = gone.Port();
-    }
+    const UINT nPort = CLoopback(OwnAddress()).Port();
     CSyncSocket sock;
     ASSERT_TRUE(sock.Create());
     sock.SetConnectTimeOut(5000);
-    EXPECT_FALSE(sock._Connect("127.0.0.1", nPort));
+    EXPECT_FALSE(sock._Connect(OwnAddress().c_str(), nPort));
     EXPECT_TRUE(sock.IsSocket());
     EXPECT_NE(::fcntl(sock.GetHandle(), F_GETFD), -1);
 }
