@@ -22,6 +22,12 @@ inline std::string OwnAddress()
            std::to_string(pid & 0xFF);
 }
 
+/// The host text of a server behind the relay centre there.
+inline std::string ThroughOwnRelay(const std::string& strServer)
+{
+    return "p2p(" + OwnAddress() + "):" + strServer;
+}
+
 /// Listens on a free port of an address; Run plays a script with it until the scope ends.
 class CLoopback
 {

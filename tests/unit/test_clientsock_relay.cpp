@@ -42,7 +42,7 @@ TEST(ConnectDB, SendsTheLongestServerNameThatFits)
         served.WantEnds();
     });
     CClientSock client;
-    EXPECT_EQ(Connect(client, "p2p(" + OwnAddress() + "):" + strName).nResult, 0);
+    EXPECT_EQ(Connect(client, ThroughOwnRelay(strName)).nResult, 0);
 }
 
 TEST(ConnectDB, AsksNoResolverForARelayWhoseCentreIsNoAddress)
@@ -78,7 +78,7 @@ TEST(ConnectDB, FollowsTheRelaysRedirectWithANewDirectConnection)
     });
     CClientSock client;
     testing::internal::CaptureStdout();
-    const SHandshake done = Connect(client, "p2p(" + OwnAddress() + "):plant");
+    const SHandshake done = Connect(client, ThroughOwnRelay("plant"));
     EXPECT_EQ(testing::internal::GetCapturedStdout(), "Is same lan ...\n");
     EXPECT_EQ(done.nResult, 0);
     EXPECT_EQ(done.strPrjName, "demo");
@@ -126,7 +126,7 @@ TEST(ConnectDB, AwaitsTheRestOfARedirect)
             served.req.ShutDown();
         });
         CClientSock client;
-        EXPECT_EQ(Connect(client, "p2p(" + OwnAddress() + "):s").nResult, CONNECT_FAILED) << strReply;
+        EXPECT_EQ(Connect(client, ThroughOwnRelay("s")).nResult, CONNECT_FAILED) << strReply;
         EXPECT_FALSE(client.m_bLan);
         client.StopSock();
         relay.Join();
@@ -143,7 +143,7 @@ TEST(ConnectDB, RegistersWhereAReplyNamesNoLan)
             served.WantEnds();
         });
         CClientSock client;
-        EXPECT_EQ(Connect(client, "p2p(" + OwnAddress() + "):s").nResult, 0);
+        EXPECT_EQ(Connect(client, ThroughOwnRelay("s")).nResult, 0);
         EXPECT_FALSE(client.m_bLan);
         client.StopSock();
         relay.Join();
@@ -207,7 +207,7 @@ TEST(ConnectDB, FollowsEightRedirects)
     CRedirector relay(7, direct.Port());
     CClientSock client;
     testing::internal::CaptureStdout();
-    EXPECT_EQ(Connect(client, "p2p(" + OwnAddress() + "):s").nResult, 0);
+    EXPECT_EQ(Connect(client, ThroughOwnRelay("s")).nResult, 0);
     EXPECT_EQ(testing::internal::GetCapturedStdout().size(), 8 * std::string("Is same lan ...\n").size());
     EXPECT_EQ(relay.Opened(), 8);
 }
@@ -218,7 +218,7 @@ TEST(ConnectDB, FollowsNoNinthRedirect)
     CRedirector relay(8, never.Port());
     CClientSock client;
     testing::internal::CaptureStdout();
-    EXPECT_EQ(Connect(client, "p2p(" + OwnAddress() + "):s").nResult, 1);
+    EXPECT_EQ(Connect(client, ThroughOwnRelay("s")).nResult, 1);
     EXPECT_EQ(testing::internal::GetCapturedStdout().size(), 8 * std::string("Is same lan ...\n").size());
     client.StopSock(); // the last one stays open until then
     EXPECT_EQ(relay.Opened(), 9);

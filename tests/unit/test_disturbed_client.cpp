@@ -198,7 +198,7 @@ TEST(DisturbedHandshake, ARedirectIsWholeOrFails)
             disturbance.Send(req, Redirect(direct.Port()));
         });
         testing::internal::CaptureStdout();
-        handshake.Connect("p2p(" + OwnAddress() + "):s", disturbance);
+        handshake.Connect(ThroughOwnRelay("s"), disturbance);
         EXPECT_EQ(testing::internal::GetCapturedStdout(), bSplit ? "Is same lan ...\n" : "");
         relay.Join();
         direct.Join();
