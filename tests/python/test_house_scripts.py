@@ -27,6 +27,16 @@ def report(path: Path, tests: int, failures: int = 0, errors: int = 0, skipped: 
     return path
 
 
+@pytest.mark.parametrize(
+    "arguments", [["--cases"], ["--cases", "x"], ["--cases", "0"], ["--preset"], ["--preset", "none"], ["--"], ["x"]]
+)
+def test_a_mistake_in_the_arguments_of_a_test_run_is_said_before_anything_is_built(arguments: list[str]) -> None:
+    done = subprocess.run([SCRIPTS / "test", *arguments], capture_output=True, text=True, timeout=10, check=False)
+    assert (done.returncode, done.stdout) == (1, "")
+    assert done.stderr.startswith("test: ")
+    assert done.stderr.count("\n") == 1
+
+
 def test_the_summary_adds_up_the_runners(tmp_path: Path) -> None:
     status, said = run("summary.py", report(tmp_path / "ctest.xml", 40), report(tmp_path / "pytest.xml", 2))
     assert status == 0
